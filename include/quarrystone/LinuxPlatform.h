@@ -1,0 +1,49 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "quarrystone/DeploymentSettings.h"
+#include "quarrystone/Export.h"
+#include "quarrystone/platform/Platform.h"
+
+typedef struct _GMainContext GMainContext;
+
+namespace qs {
+
+// What the host declares about itself and how the library joins its loop.
+struct QS_EXPORT LinuxPlatformOptions {
+  BundleInfo bundle;                 // app name, version, identifier, localizations
+  std::optional<ScreenInfo> screen;  // nullopt: no main screen
+  // The GLib main context that the host runs on its main thread. Null: the
+  // library runs its own context on a thread of its own.
+  GMainContext* hostContext = nullptr;
+  std::shared_ptr<Log> log;          // null: stderr
+};
+
+// The real Linux platform: GLib main loop, GIO network monitor, libcurl,
+// SQLite store, OpenSSL, utf8proc. A store that cannot be opened is logged
+// and replaced by an in-memory one; this never throws.
+QS_EXPORT Platform makeLinuxPlatform(const DeploymentSettings& settings,
+                                     LinuxPlatformOptions options = {});
+
+// The individual adapters, for hosts that mix their own services in.
+// Caller-owned results (shared).
+QS_EXPORT std::shared_ptr<Log> makeStderrLog();
+QS_EXPORT std::shared_ptr<Clock> makeSystemClock();
+QS_EXPORT std::shared_ptr<NotificationCenter> makeLocalNotificationCenter();
+QS_EXPORT std::shared_ptr<KeyedArchiver> makeCborArchiver();
+QS_EXPORT std::shared_ptr<Crypto> makeOpenSslCrypto();
+QS_EXPORT std::shared_ptr<Text> makeUtf8procText();
+QS_EXPORT std::shared_ptr<WorkerPool> makeThreadWorkerPool();
+QS_EXPORT std::shared_ptr<MainLoop> makeGlibMainLoop(GMainContext* hostContext);
+QS_EXPORT std::shared_ptr<KeyValueStore> openSqliteStore(const std::string& path,
+                                                         std::shared_ptr<Log> log);
+QS_EXPORT std::shared_ptr<DeviceInfo> makeLinuxDeviceInfo(BundleInfo bundle,
+                                                          std::optional<ScreenInfo> screen);
+QS_EXPORT std::shared_ptr<HttpClient> makeCurlHttpClient(const std::string& caFile,
+                                                         std::shared_ptr<Log> log);
+QS_EXPORT std::shared_ptr<Reachability> makeGioReachability(std::shared_ptr<MainLoop> mainLoop);
+
+}  // namespace qs

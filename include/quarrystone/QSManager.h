@@ -1,0 +1,141 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+
+#include "quarrystone/DeploymentSettings.h"
+#include "quarrystone/Export.h"
+#include "quarrystone/QSBlockResponse.h"
+#include "quarrystone/QSWebViewDelegate.h"
+#include "quarrystone/URLRequest.h"
+#include "quarrystone/Value.h"
+#include "quarrystone/platform/Platform.h"
+
+namespace qs {
+
+class QSManagerHelper;
+class QSStorage;
+class QSUtils;
+class QSUUID;
+class QSNetworkManager;
+
+// Implemented by the host. Both calls arrive on the thread that processed the
+// collector's answer (not necessarily the main thread): hop to your UI thread
+// yourself.
+class QS_EXPORT QSManagerDelegate {
+ public:
+  virtual ~QSManagerDelegate() = default;
+  // Once per process: the first time the headers are known.
+  virtual void managerReady(const HeaderMap& headers) = 0;
+  // Every later time a new risk cookie changes the headers.
+  virtual void newHeaders(const HeaderMap& headers) = 0;
+};
+
+// Thrown by startWith() when no delegate is set. The only exception the
+// library ever lets reach the host.
+class QS_EXPORT QSMissingDelegateException : public std::logic_error {
+ public:
+  QSMissingDelegateException();
+  const char* name() const noexcept { return "QSManagerDelegate is missing"; }
+  const char* reason() const noexcept { return what(); }
+};
+
+// The one object a host talks to. Use sharedInstance(); create() builds an
+// independent manager on a given platform (tests, or hosts that want their
+// own). Thread contract: callable from any thread; handleBlockResponse and
+// showBlockResponse belong on the UI thread.
+class QS_EXPORT QSManager : public QSWebViewDelegate,
+                            public std::enable_shared_from_this<QSManager> {
+ public:
+  // The process-wide manager, created on first call (thread-safe) from the
+  // installed platform, or the Linux platform when none was installed.
+  static QSManager& sharedInstance();
+  // Sets the platform and deployment settings that sharedInstance() will
+  // use. Returns false (and changes nothing) once the instance exists.
+  static bool installPlatform(Platform platform, DeploymentSettings settings);
+  static bool installSettings(DeploymentSettings settings);
+
+  // A manager with its own orchestrator, store access and queue. Caller-owned.
+  static std::shared_ptr<QSManager> create(Platform platform, DeploymentSettings settings);
+
+  ~QSManager() override;
+  QSManager(const QSManager&) = delete;
+  QSManager& operator=(const QSManager&) = delete;
+
+  // Held weakly: the manager never keeps the delegate alive.
+  void setDelegate(std::weak_ptr<QSManagerDelegate> delegate);
+  std::shared_ptr<QSManagerDelegate> delegate() const;
+
+  std::string appId() const;
+  std::string collectorUrl() const;
+  bool forceCaptcha() const;
+  void setForceCaptcha(bool value);
+  bool forceBlock() const;
+  void setForceBlock(bool value);
+  std::int64_t blockCode() const;
+  void setBlockCode(std::int64_t code);
+  QSManagerHelper& managerHelper() const;
+
+  // Starts (or restarts) the library for `appId`.
+  // Throws QSMissingDelegateException when no delegate is set.
+  void startWith(const std::string& appId);
+  void wakeup();
+  void managerWithCustomBlockCode(std::int64_t code);
+
+  // Recognises the host backend's block or captcha body. Never null.
+  std::shared_ptr<QSBlockResponse> checkError(const Value& response);
+  // Shows the block or captcha page over `host`. A null or foreign response
+  // is logged and reported to the service, never raised.
+  void handleBlockResponse(const std::shared_ptr<QSBlockResponse>& response, ViewController& host);
+  void showBlockResponse(const std::shared_ptr<QSBlockResponse>& response, ViewController& host);
+  void captchaSuccess() override;
+
+  // Persists parameters merged into every app activity; an empty map clears.
+  void setCustomParameters(const Value& parameters);
+
+  // The headers the host attaches to its own requests. Cheap: reads the
+  // cached cookie, never the disk. Safe to call from any thread.
+  HeaderMap httpHeaders() const;
+  void setHeadersForRequest(URLRequest& request) const;
+  void setHeadersForConfiguration(URLSessionConfiguration& configuration) const;
+
+  // Debug: ask the service to simulate a block or captcha.
+  void forceBlockToken();
+  void forceCaptchaToken();
+  void resetDebugSettings();
+
+  // Services of this manager's object graph (for the library's own classes).
+  const Platform& platform() const { return platform_; }
+  const DeploymentSettings& settings() const { return settings_; }
+  QSStorage& storage() const { return *storage_; }
+  QSUtils& utils() const { return *utils_; }
+  QSUUID& uuid() const { return *uuid_; }
+  QSNetworkManager& networkManager() const { return *network_; }
+
+ private:
+  QSManager(Platform platform, DeploymentSettings settings);
+  void init();
+  void log(const std::string& line) const;
+
+  const Platform platform_;
+  const DeploymentSettings settings_;
+  std::unique_ptr<QSStorage> storage_;
+  std::unique_ptr<QSUUID> uuid_;
+  std::unique_ptr<QSUtils> utils_;
+  std::unique_ptr<QSNetworkManager> network_;
+  std::shared_ptr<QSManagerHelper> managerHelper_;
+
+  mutable std::mutex mutex_;
+  std::weak_ptr<QSManagerDelegate> delegate_;  // guarded by mutex_
+  std::string appId_;                          // guarded by mutex_
+  std::string collectorUrl_;                   // guarded by mutex_
+  std::atomic<bool> forceCaptcha_{false};
+  std::atomic<bool> forceBlock_{false};
+  std::atomic<std::int64_t> blockCode_{403};
+};
+
+}  // namespace qs

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "network/QSOperationQueue.h"
+#include "quarrystone/platform/Platform.h"
+
+namespace qs {
+
+// Owns the shared operation queue on which every HTTP request runs, and
+// builds the library's user agent. Thread-safe.
+class QSNetworkManager {
+ public:
+  // `platform` is weak: it must outlive this object.
+  explicit QSNetworkManager(const Platform& platform);
+
+  // Queues the operation; the queue starts it when it has room (no limit is
+  // set) and keeps it until it reports finished.
+  void addNetworkOperation(std::shared_ptr<QSNetworkOperation> operation);
+
+  // "Quarrystone iOS SDK/<version> (iPhone; iOS <system version>; Scale/<scale, 2 decimals>)"
+  static std::string userAgent(DeviceInfo& device);
+  std::string userAgent() const;
+
+  QSOperationQueue& requestsQueue() { return *queue_; }
+
+ private:
+  const Platform& platform_;  // weak
+  std::shared_ptr<QSOperationQueue> queue_;
+};
+
+}  // namespace qs

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "network/QSNetworkOperation.h"
+#include "quarrystone/platform/WorkerPool.h"
+
+namespace qs {
+
+// Runs operations on the platform's worker pool with no concurrency limit,
+// holding each until it reports finished. Thread-safe.
+class QSOperationQueue : public std::enable_shared_from_this<QSOperationQueue> {
+ public:
+  explicit QSOperationQueue(std::shared_ptr<WorkerPool> workers);
+  void addOperation(std::shared_ptr<QSNetworkOperation> operation);
+  std::size_t operationCount() const;
+
+ private:
+  void remove(const QSNetworkOperation* operation);
+
+  std::shared_ptr<WorkerPool> workers_;
+  mutable std::mutex mutex_;
+  std::vector<std::shared_ptr<QSNetworkOperation>> operations_;  // guarded by mutex_
+};
+
+}  // namespace qs

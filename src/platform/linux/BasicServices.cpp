@@ -1,0 +1,105 @@
+// The small adapters that need no outside library beyond the standard one
+// and nlohmann-json: stderr log, system clock, notification registry and the
+// CBOR keyed archiver.
+#include <chrono>
+#include <cstdio>
+#include <map>
+#include <mutex>
+#include <vector>
+
+#include "quarrystone/LinuxPlatform.h"
+
+namespace qs {
+
+namespace {
+
+class StderrLog final : public Log {
+ public:
+  void write(std::string_view line) override {
+    std::lock_guard lock(mutex_);
+    std::fprintf(stderr, "Quarrystone: %.*s\n", static_cast<int>(line.size()), line.data());
+  }
+
+ private:
+  std::mutex mutex_;
+};
+
+class SystemClock final : public Clock {
+ public:
+  double now() const override {
+    using namespace std::chrono;
+    return duration<double>(system_clock::now().time_since_epoch()).count();
+  }
+};
+
+// Observers are copied out under the lock and called without it, so an
+// observer may add or remove observers or post again.
+class LocalNotificationCenter final : public NotificationCenter {
+ public:
+  Token addObserver(const std::string& name, Observer observer) override {
+    std::lock_guard lock(mutex_);
+    Token token = ++lastToken_;
+    observers_.emplace(token, Entry{name, std::make_shared<Observer>(std::move(observer))});
+    return token;
+  }
+  void removeObserver(Token token) override {
+    std::lock_guard lock(mutex_);
+    observers_.erase(token);
+  }
+  void post(const std::string& name, const void* object) override {
+    std::vector<std::shared_ptr<Observer>> matching;
+    {
+      std::lock_guard lock(mutex_);
+      for (const auto& [token, entry] : observers_) {
+        if (entry.name == name) matching.push_back(entry.observer);
+      }
+    }
+    Notification notification{name, object};
+    for (const auto& observer : matching) (*observer)(notification);
+  }
+
+ private:
+  struct Entry {
+    std::string name;
+    std::shared_ptr<Observer> observer;
+  };
+  std::mutex mutex_;
+  Token lastToken_ = 0;                // guarded by mutex_
+  std::map<Token, Entry> observers_;   // guarded by mutex_
+};
+
+// A record archives as a CBOR map of its coder keys inside a small envelope
+// that names the format and its version, so other bytes are recognised.
+class CborKeyedArchiver final : public KeyedArchiver {
+ public:
+  Bytes archive(const Value& root) override {
+    Value envelope = Value::object();
+    envelope["$archiver"] = "QSKeyedArchive";
+    envelope["$version"] = 1;
+    envelope["$root"] = root;
+    return Value::to_cbor(envelope);
+  }
+  std::optional<Value> unarchive(const Bytes& bytes) override {
+    Value envelope = Value::from_cbor(bytes, /*strict=*/true, /*allow_exceptions=*/false);
+    if (envelope.is_discarded() || !envelope.is_object()) return std::nullopt;
+    auto tag = envelope.find("$archiver");
+    auto version = envelope.find("$version");
+    auto root = envelope.find("$root");
+    if (tag == envelope.end() || *tag != "QSKeyedArchive" || version == envelope.end() ||
+        *version != 1 || root == envelope.end()) {
+      return std::nullopt;
+    }
+    return *root;
+  }
+};
+
+}  // namespace
+
+std::shared_ptr<Log> makeStderrLog() { return std::make_shared<StderrLog>(); }
+std::shared_ptr<Clock> makeSystemClock() { return std::make_shared<SystemClock>(); }
+std::shared_ptr<NotificationCenter> makeLocalNotificationCenter() {
+  return std::make_shared<LocalNotificationCenter>();
+}
+std::shared_ptr<KeyedArchiver> makeCborArchiver() { return std::make_shared<CborKeyedArchiver>(); }
+
+}  // namespace qs
