@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -9,8 +10,6 @@
 #include "quarrystone/platform/HttpClient.h"
 
 namespace qs {
-
-class QSUtils;
 
 // Told when a POST completes, on the HTTP client's callback thread.
 class QSPostOperationDelegate {
@@ -26,10 +25,12 @@ class QSPostOperationDelegate {
 // the activity type it carried. Holds its delegate strongly until finished.
 class QSPostOperation : public QSNetworkOperation {
  public:
-  // `http`, `utils` are weak; `userAgent` is the library's user agent.
-  QSPostOperation(HttpClient& http, QSUtils& utils, std::string userAgent,
-                  std::string requestURL, std::optional<std::string> postData,
-                  std::string activityType);
+  // `http` is weak; `userAgent` is the library's user agent; `onTaskStart`
+  // runs right before the request is handed to the HTTP client (the collector
+  // exchange starts its round-trip stopwatch there).
+  QSPostOperation(HttpClient& http, std::string userAgent, std::string requestURL,
+                  std::optional<std::string> postData, std::string activityType,
+                  std::function<void()> onTaskStart = {});
 
   // Replace the extra headers with exactly one "X-QS-SIMULATE" entry.
   void forceBlockToken();
@@ -48,7 +49,7 @@ class QSPostOperation : public QSNetworkOperation {
 
  private:
   HttpClient& http_;  // weak
-  QSUtils& utils_;    // weak
+  std::function<void()> onTaskStart_;
   std::string userAgent_;
   std::optional<std::string> postData_;
   std::string requestURL_;
