@@ -28,23 +28,14 @@ std::uint32_t loadLittleEndian(const std::uint8_t* bytes) {
   return word;
 }
 
-void storeLittleEndian(std::uint32_t word, std::uint8_t* bytes) {
-  if constexpr (std::endian::native == std::endian::big) word = __builtin_bswap32(word);
-  std::memcpy(bytes, &word, 4);
-}
-
 // Copies the first `count` bytes of `words` out, in little-endian order.
 Bytes bytesFromWords(const std::vector<std::uint32_t>& words, std::size_t count) {
   Bytes out(count);
   if constexpr (std::endian::native == std::endian::little) {
-    std::memcpy(out.data(), words.data(), count);
+    if (count != 0) std::memcpy(out.data(), words.data(), count);
   } else {
-    std::size_t whole = count / 4;
-    for (std::size_t i = 0; i < whole; ++i) storeLittleEndian(words[i], out.data() + 4 * i);
-    std::array<std::uint8_t, 4> last{};
-    if (count % 4 != 0) {
-      storeLittleEndian(words[whole], last.data());
-      std::memcpy(out.data() + 4 * whole, last.data(), count % 4);
+    for (std::size_t i = 0; i < count; ++i) {
+      out[i] = static_cast<std::uint8_t>(words[i / 4] >> (8 * (i % 4)));
     }
   }
   return out;
