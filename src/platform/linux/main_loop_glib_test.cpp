@@ -69,7 +69,8 @@ TEST(GlibMainLoop, InvalidateFromAnotherThreadRacesFiringSafely) {
     auto timer = loop->scheduleTimer(0, [invalidated, violations] {
       if (invalidated->load()) violations->fetch_add(1);
     });
-    for (int spin = 0; spin < (i % 100) * 10; ++spin) std::atomic_signal_fence(std::memory_order_seq_cst);
+    for (int spin = 0; spin < (i % 100) * 10; ++spin)
+      std::atomic_signal_fence(std::memory_order_seq_cst);
     timer->invalidate();
     invalidated->store(true);
   }
