@@ -105,7 +105,7 @@ TEST(ChallengeActivityTest, ReversesWholeCharacterSequences) {
   EXPECT_EQ(ChallengeActivity::reverseString(uuid, text), mirror);
   // "e" + combining acute stays in that order; so does a surrogate-range emoji.
   EXPECT_EQ(ChallengeActivity::reverseString("ae\xCC\x81x\xF0\x9F\x98\x80", text),
-            "\xF0\x9F\x98\x80xe\xCC\x81a");
+            "\xF0\x9F\x98\x80xe\xCC\x81" "a");
 }
 
 }  // namespace

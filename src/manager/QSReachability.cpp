@@ -6,8 +6,8 @@
 
 namespace qs {
 
-QSReachability::QSReachability(const Platform& platform, std::unique_ptr<ReachabilityTarget> target)
-    : platform_(platform), target_(std::move(target)) {}
+QSReachability::QSReachability(Platform platform, std::unique_ptr<ReachabilityTarget> target)
+    : platform_(std::move(platform)), target_(std::move(target)) {}
 
 QSReachability::~QSReachability() { stopNotifier(); }
 

@@ -18,7 +18,7 @@ inline constexpr QSNetworkStatus QSNetworkStatusViaWWAN = 2;
 // change. Status queries may come from any thread. Owns its platform target.
 class QSReachability {
  public:
-  // Null when the platform cannot create a target. `platform` is weak.
+  // Null when the platform cannot create a target.
   static std::unique_ptr<QSReachability> reachabilityWithHostName(const Platform& platform,
                                                                   const std::string& host);
   static std::unique_ptr<QSReachability> reachabilityWithAddress(const Platform& platform,
@@ -43,11 +43,11 @@ class QSReachability {
   QSNetworkStatus currentReachabilityStatus() const;
 
  private:
-  QSReachability(const Platform& platform, std::unique_ptr<ReachabilityTarget> target);
+  QSReachability(Platform platform, std::unique_ptr<ReachabilityTarget> target);
   // Posts the change notification; the flags are not examined here.
   static void ReachabilityCallback(ReachabilityTarget* target, std::uint32_t flags, void* info);
 
-  const Platform& platform_;  // weak
+  const Platform platform_;
   std::unique_ptr<ReachabilityTarget> target_;
 };
 

@@ -26,7 +26,7 @@ TEST(QSReachabilityTest, ClassifiesFlagsAndLogsThemAsLetters) {
   fake.log->clear();
   monitor->networkStatusForFlags(R | d);
   EXPECT_EQ(fake.log->lines(),
-            std::vector<std::string>{"Reachability Flag Status: -R -------d networkStatusForFlags"});
+            std::vector<std::string>{"Reachability Flag Status: -R ------d networkStatusForFlags"});
 }
 
 TEST(QSReachabilityTest, PostsChangesOnlyWhileScheduledAndToleratesPlatformFailures) {

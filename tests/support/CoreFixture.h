@@ -84,7 +84,12 @@ class CoreTest : public ::testing::Test {
     manager->setDelegate(delegate);
   }
   ~CoreTest() override {
-    // Let nothing that is still queued outlive the graph.
+    // Requests still pending hold their operations (and those the exchange):
+    // end them the way a closing HTTP client would.
+    fake.http->setResponder(nullptr);
+    while (fake.http->respondNext(
+        fake::FakeReply::failure(HttpError::Code::Cancelled, "cancelled"))) {
+    }
     fake.mainLoop->runUntilIdle();
   }
 
