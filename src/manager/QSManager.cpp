@@ -56,7 +56,7 @@ bool QSManager::installSettings(DeploymentSettings settings) {
 
 QSManager& QSManager::sharedInstance() {
   // Built once and never destroyed: the host may call in until the process ends.
-  static QSManager* const instance = [] {
+  static std::shared_ptr<QSManager>* const instance = [] {
     auto& setup = sharedSetup();
     std::lock_guard lock(setup.mutex);
     setup.created = true;
@@ -64,8 +64,8 @@ QSManager& QSManager::sharedInstance() {
     Platform platform = setup.platform ? *setup.platform : makeLinuxPlatform(settings);
     auto manager = create(std::move(platform), std::move(settings));
     return new std::shared_ptr<QSManager>(std::move(manager));
-  }()->get();
-  return *instance;
+  }();
+  return **instance;
 }
 
 std::shared_ptr<QSManager> QSManager::create(Platform platform, DeploymentSettings settings) {
