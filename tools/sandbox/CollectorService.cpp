@@ -31,25 +31,27 @@ std::optional<std::string> decryptPayload(std::string_view payload, std::string_
 }
 
 // Seconds as the client echoes them: an integer number, an integral floating
-// number or decimal digits.
-std::optional<std::int64_t> readTimestamp(const Value& v) {
-  if (v.is_number_integer()) return v.get<std::int64_t>();
-  if (v.is_number_float()) {
-    const double d = v.get<double>();
-    if (std::isfinite(d) && d == std::floor(d) && std::fabs(d) < 1e15) {
-      return static_cast<std::int64_t>(d);
-    }
-    return std::nullopt;
+// number or decimal digits. -1 when absent or anything else.
+std::int64_t readTimestamp(const Value& d) {
+  const auto it = d.find(kChallengeTimestamp);
+  if (it == d.end()) return -1;
+  if (it->is_number_unsigned()) {
+    return it->get<std::uint64_t>() > 1'000'000'000'000'000 ? -1 : it->get<std::int64_t>();
   }
-  if (v.is_string()) {
-    const auto& s = v.get_ref<const std::string&>();
-    if (s.empty() || s.size() > 15 ||
-        !std::all_of(s.begin(), s.end(), [](char c) { return c >= '0' && c <= '9'; })) {
-      return std::nullopt;
-    }
-    return std::stoll(s);
+  if (it->is_number_integer()) return std::max<std::int64_t>(it->get<std::int64_t>(), -1);
+  if (it->is_number_float()) {
+    const double v = it->get<double>();
+    const bool integral = std::isfinite(v) && v == std::floor(v) && v >= 0 && v < 1e15;
+    return integral ? static_cast<std::int64_t>(v) : -1;
   }
-  return std::nullopt;
+  if (it->is_string()) {
+    const auto& s = it->get_ref<const std::string&>();
+    const bool digits = !s.empty() && s.size() <= 15 && std::all_of(s.begin(), s.end(), [](char c) {
+      return c >= '0' && c <= '9';
+    });
+    return digits ? std::stoll(s) : -1;
+  }
+  return -1;
 }
 
 const std::string* stringField(const Value& d, std::string_view key) {
@@ -192,21 +194,20 @@ CollectorService::Decision CollectorService::decide(const Activity& a, std::stri
 
 void CollectorService::checkChallengeAnswer(const Activity& a, double now,
                                             Decision& decision) const {
-  const auto ts = a.details.find(kChallengeTimestamp);
-  const auto timestamp = ts == a.details.end() ? std::nullopt : readTimestamp(*ts);
+  const std::int64_t timestamp = readTimestamp(a.details);
   const std::string* signedHash = stringField(a.details, kChallengeSigned);
   const std::string* result = stringField(a.details, kChallengeResult);
   decision.name = "challenge_failed";
-  if (!timestamp || signedHash == nullptr || result == nullptr) {
+  if (timestamp < 0 || signedHash == nullptr || result == nullptr) {
     decision.reason = "challenge answer lacks QS259, QS256 or QS257";
     return;
   }
   const std::string uuid(result->rbegin(), result->rend());
-  if (!SandboxCodec::constantTimeEquals(*signedHash, signer_.challengeHash(uuid, *timestamp))) {
+  if (!SandboxCodec::constantTimeEquals(*signedHash, signer_.challengeHash(uuid, timestamp))) {
     decision.reason = "signed hash does not match the reversed uuid and timestamp";
     return;
   }
-  const double age = now - static_cast<double>(*timestamp);
+  const double age = now - static_cast<double>(timestamp);
   if (age > settings_.challengeMaxAgeSeconds || age < -kChallengeFutureSkewSeconds) {
     decision.name = "challenge_stale";
     decision.reason =

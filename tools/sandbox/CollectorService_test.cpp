@@ -123,6 +123,13 @@ TEST_F(CollectorServiceTest, WrongOrStaleChallengeAnswersEarnNoToken) {
     EXPECT_EQ(decision(a), "challenge_failed") << a.dump();
   }
 
+  // The timestamp may come back as an integral float or as digits.
+  for (const Value& ts : {Value(std::stod(appc[2])), Value(appc[2])}) {
+    Value a = answer(appc);
+    a["d"]["QS259"] = ts;
+    EXPECT_FALSE(find(commands(service.collect(body(a, ids), "")), "bake").empty()) << ts;
+  }
+
   now += 301;
   EXPECT_EQ(decision(answer(appc)), "challenge_stale");
   now -= 1;  // exactly five minutes old still counts
