@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "BlockPage.h"
-#include "SandboxCodec.h"
+#include "quarrystone/QSBlockResponse.h"
 
 namespace qs::sandbox {
 namespace {
@@ -22,11 +22,15 @@ class BackendServiceTest : public ::testing::Test {
   std::string token(const std::string& simulate = "") const {
     return "3:" + signer.sign({"APP", "v-1", static_cast<std::int64_t>(now) + 600, simulate});
   }
-  // The block JSON of a 403, with its page decoded.
+  // The block JSON of a 403, with its page as the library decodes it.
   static Value blockAnswer(const HttpOutcome& o, std::string& page) {
     EXPECT_EQ(o.status, 403);
     Value json = Value::parse(o.body);
-    page = SandboxCodec::base64Decode(json.at("page").get<std::string>()).value_or("");
+    const QSBlockResponse parsed(json);
+    EXPECT_EQ(parsed.type(),
+              json["action"] == "block" ? QSBlockResponseTypeBlock : QSBlockResponseTypeCaptcha);
+    page = parsed.pageHtml();
+    EXPECT_NE(page.find("</html>"), std::string::npos);
     return json;
   }
 };

@@ -4,16 +4,16 @@
 
 #include <cstdio>
 #include <string>
-#include <vector>
 
 #include "SandboxCodec.h"
+#include "collector/CollectorResponse.h"
 #include "crypto/SHA256_CBC.h"
 
 namespace qs::sandbox {
 namespace {
 
-using Commands = std::vector<std::vector<std::string>>;
-
+// Answers are read with the library's own response parser, and challenges
+// answered the way the library answers them.
 class CollectorServiceTest : public ::testing::Test {
  protected:
   double now = 1'700'000'000;
@@ -30,147 +30,132 @@ class CollectorServiceTest : public ::testing::Test {
   static Value appActivity(const char* type, const char* state) {
     return {{"t", type}, {"d", {{"QS320", "model"}, {"QS330", state}}}};
   }
-  static Commands commands(const HttpOutcome& outcome) {
-    Commands out;
-    const Value answer = Value::parse(outcome.body);
-    for (const auto& command : answer.at("do")) {
-      std::vector<std::string> fields;
-      std::string text = command.get<std::string>();
-      for (std::size_t at; (at = text.find('|')) != std::string::npos; text.erase(0, at + 1)) {
-        fields.push_back(text.substr(0, at));
-      }
-      fields.push_back(text);
-      out.push_back(fields);
-    }
-    return out;
+  CollectorResponse parse(const HttpOutcome& outcome) const {
+    std::string error;
+    const auto response =
+        CollectorResponse::initWithCollectorResponse(Value::parse(outcome.body), now, &error);
+    EXPECT_TRUE(response) << error << " in " << outcome.body;
+    return response.value_or(CollectorResponse());
   }
-  static std::vector<std::string> find(const Commands& all, const std::string& name) {
-    for (const auto& c : all) {
-      if (c[0] == name) return c;
-    }
-    return {};
+  CollectorResponse post(const Value& activity, const std::string& ids = "") {
+    return parse(service.collect(body(activity, ids), ""));
   }
-  // A challenge answer as the client builds it from an "appc" command.
-  static Value answer(const std::vector<std::string>& appc) {
+  static Value answer(const QSChallenge& c) {
     return {{"t", "QS329"},
             {"d",
-             {{"QS259", std::stoll(appc[2])},
+             {{"QS259", c.timestamp().value_or(Value())},
               {"QS320", "model"},
-              {"QS256", appc[3]},
-              {"QS257", std::string(appc[4].rbegin(), appc[4].rend())}}}};
+              {"QS256", c.signedHash()},
+              {"QS257", std::string(c.uuid().rbegin(), c.uuid().rend())}}}};
   }
-  std::vector<std::string> newSessionChallenge(std::string& sid, std::string& vid) {
-    const Commands c = commands(service.collect(body(appActivity("QS315", "new_session")), ""));
-    sid = find(c, "sid").at(1);
-    vid = find(c, "vid").at(1);
-    return find(c, "appc");
+  // Starts a new session; returns its challenge and the ids to send back.
+  QSChallenge newSessionChallenge(std::string& ids) {
+    const CollectorResponse r = post(appActivity("QS315", "new_session"));
+    ids = "&sid=" + r.sid().value_or("") + "&vid=" + r.vid().value_or("");
+    return r.challenge().value_or(QSChallenge("", "", "", ""));
   }
 };
 
 TEST_F(CollectorServiceTest, NewVisitorIsChallengedAndTheCorrectAnswerEarnsAToken) {
   const HttpOutcome first = service.collect(body(appActivity("QS315", "new_session")), "");
   EXPECT_EQ(first.status, 200);
-  const Commands c = commands(first);
-  ASSERT_EQ(c.size(), 3u) << first.body;
-  const auto appc = find(c, "appc");
-  ASSERT_EQ(appc.size(), 5u);
-  EXPECT_EQ(appc[2], "1700000000");
-  EXPECT_EQ(appc[3], signer.challengeHash(appc[4], 1'700'000'000));
-  EXPECT_EQ(appc[4].size(), 36u);
-  EXPECT_TRUE(find(c, "bake").empty());
+  EXPECT_EQ(Value::parse(first.body)["do"].size(), 3u);
+  const CollectorResponse r = parse(first);
+  ASSERT_TRUE(r.sid() && r.vid() && r.challenge()) << first.body;
+  EXPECT_FALSE(r.cookie());
+  const QSChallenge& c = *r.challenge();
+  EXPECT_EQ(c.timestamp(), Value(1'700'000'000));
+  EXPECT_EQ(c.signedHash(), signer.challengeHash(c.uuid(), 1'700'000'000));
+  EXPECT_EQ(c.uuid().size(), 36u);
+  EXPECT_TRUE(signer.isKnownVisitor(*r.vid()));
   EXPECT_EQ(first.event["event"], "activity");
   EXPECT_EQ(first.event["decision"], "new_session");
   EXPECT_EQ(first.event["d"]["QS320"], "model");
 
-  const std::string sid = find(c, "sid").at(1);
-  const std::string vid = find(c, "vid").at(1);
-  EXPECT_TRUE(signer.isKnownVisitor(vid));
   now += 10;
-  const HttpOutcome second = service.collect(body(answer(appc), "&sid=" + sid + "&vid=" + vid), "");
-  const Commands d = commands(second);
-  ASSERT_EQ(d.size(), 1u) << second.body;  // known session and visitor: only the token
-  const auto bake = find(d, "bake");
-  ASSERT_EQ(bake.size(), 6u);
-  EXPECT_EQ(bake[1], "_qs3");
-  EXPECT_EQ(bake[5], "600");
-  const TokenCheck token = signer.verify(bake[3], now);
+  const HttpOutcome second =
+      service.collect(body(answer(c), "&sid=" + *r.sid() + "&vid=" + *r.vid()), "");
+  EXPECT_EQ(Value::parse(second.body)["do"].size(), 1u);  // known session and visitor
+  const CollectorResponse t = parse(second);
+  ASSERT_TRUE(t.cookie()) << second.body;
+  EXPECT_EQ(t.cookie()->name(), "_qs3");
+  EXPECT_EQ(t.cookie()->ttlFireDate(), now + 0.8 * 600);
+  const TokenCheck token = signer.verify(t.cookie()->token(), now);
   EXPECT_EQ(token.status, TokenStatus::Valid);
-  EXPECT_EQ(token.claims.vid, vid);
+  EXPECT_EQ(token.claims.vid, *r.vid());
   EXPECT_EQ(token.claims.appId, "APP");
   EXPECT_EQ(token.claims.expiresAt, 1'700'000'010 + 600);
   EXPECT_EQ(second.event["decision"], "challenge_passed");
 }
 
 TEST_F(CollectorServiceTest, WrongOrStaleChallengeAnswersEarnNoToken) {
-  std::string sid, vid;
-  const auto appc = newSessionChallenge(sid, vid);
-  const std::string ids = "&sid=" + sid + "&vid=" + vid;
+  std::string ids;
+  const QSChallenge c = newSessionChallenge(ids);
   const auto decision = [&](const Value& a) {
     const HttpOutcome o = service.collect(body(a, ids), "");
-    EXPECT_TRUE(find(commands(o), "bake").empty()) << o.body;
+    EXPECT_FALSE(parse(o).cookie()) << o.body;
     return o.event["decision"].get<std::string>();
   };
 
-  Value notReversed = answer(appc);
-  notReversed["d"]["QS257"] = appc[4];
-  Value otherHash = answer(appc);
-  otherHash["d"]["QS256"] = signer.challengeHash(appc[4], 1);
-  Value otherTime = answer(appc);
+  Value notReversed = answer(c);
+  notReversed["d"]["QS257"] = c.uuid();
+  Value otherHash = answer(c);
+  otherHash["d"]["QS256"] = signer.challengeHash(c.uuid(), 1);
+  Value otherTime = answer(c);
   otherTime["d"]["QS259"] = 1'700'000'001;
-  Value incomplete = answer(appc);
+  Value incomplete = answer(c);
   incomplete["d"].erase("QS256");
   for (const Value& a : {notReversed, otherHash, otherTime, incomplete}) {
     EXPECT_EQ(decision(a), "challenge_failed") << a.dump();
   }
 
-  // The timestamp may come back as an integral float or as digits.
-  for (const Value& ts : {Value(std::stod(appc[2])), Value(appc[2])}) {
-    Value a = answer(appc);
+  // The timestamp may also come back as an integral float or as digits.
+  for (const Value& ts : {Value(1'700'000'000.0), Value("1700000000")}) {
+    Value a = answer(c);
     a["d"]["QS259"] = ts;
-    EXPECT_FALSE(find(commands(service.collect(body(a, ids), "")), "bake").empty()) << ts;
+    EXPECT_TRUE(post(a, ids).cookie()) << ts;
   }
 
   now += 301;
-  EXPECT_EQ(decision(answer(appc)), "challenge_stale");
+  EXPECT_EQ(decision(answer(c)), "challenge_stale");
   now -= 1;  // exactly five minutes old still counts
-  EXPECT_FALSE(find(commands(service.collect(body(answer(appc), ids), "")), "bake").empty());
+  EXPECT_TRUE(post(answer(c), ids).cookie());
 }
 
 TEST_F(CollectorServiceTest, OnlyKnownVisitorsRenewTheirToken) {
   const std::string vid = signer.newVisitorId();
   const std::string known = "&sid=S&vid=" + vid;
   for (const Value& a : {appActivity("QS325", "idle"), appActivity("QS315", "bg_to_fg")}) {
-    const Commands c = commands(service.collect(body(a, known), ""));
-    ASSERT_EQ(c.size(), 1u) << a.dump();
-    EXPECT_EQ(signer.verify(find(c, "bake").at(3), now).claims.vid, vid);
+    const CollectorResponse r = post(a, known);
+    EXPECT_FALSE(r.sid() || r.vid() || r.challenge()) << a.dump();
+    ASSERT_TRUE(r.cookie());
+    EXPECT_EQ(signer.verify(r.cookie()->token(), now).claims.vid, vid);
   }
 
   // A new session, even from a known visitor, or an activity without sid is
   // challenged first.
   for (const auto& [a, ids] : {std::pair{appActivity("QS315", "new_session"), known},
                                std::pair{appActivity("QS325", "idle"), "&vid=" + vid}}) {
-    const Commands c = commands(service.collect(body(a, ids), ""));
-    EXPECT_FALSE(find(c, "sid").empty());
-    EXPECT_FALSE(find(c, "appc").empty());
-    EXPECT_TRUE(find(c, "vid").empty());
-    EXPECT_TRUE(find(c, "bake").empty());
+    const CollectorResponse r = post(a, ids);
+    EXPECT_TRUE(r.sid() && r.challenge());
+    EXPECT_FALSE(r.vid() || r.cookie());
   }
 
   const HttpOutcome stranger =
       service.collect(body(appActivity("QS325", "idle"), "&sid=S&vid=not-ours"), "");
-  const Commands s = commands(stranger);
-  EXPECT_TRUE(find(s, "bake").empty());
-  EXPECT_TRUE(signer.isKnownVisitor(find(s, "vid").at(1)));
+  const CollectorResponse s = parse(stranger);
+  EXPECT_FALSE(s.cookie());
+  EXPECT_TRUE(signer.isKnownVisitor(s.vid().value_or("")));
   EXPECT_EQ(stranger.event["decision"], "unknown_visitor");
 }
 
 TEST_F(CollectorServiceTest, SimulateHeaderMarksTheBakedToken) {
   const std::string ids = "&sid=S&vid=" + signer.newVisitorId();
   const HttpOutcome o = service.collect(body(appActivity("QS325", "idle"), ids), "block");
-  EXPECT_EQ(signer.verify(find(commands(o), "bake").at(3), now).claims.simulate, "block");
+  EXPECT_EQ(signer.verify(parse(o).cookie().value().token(), now).claims.simulate, "block");
   EXPECT_EQ(o.event["simulate"], "block");
   const HttpOutcome odd = service.collect(body(appActivity("QS325", "idle"), ids), "maybe");
-  EXPECT_EQ(signer.verify(find(commands(odd), "bake").at(3), now).claims.simulate, "");
+  EXPECT_EQ(signer.verify(parse(odd).cookie().value().token(), now).claims.simulate, "");
 }
 
 TEST_F(CollectorServiceTest, MalformedRequestsAreRefusedWith400) {
@@ -213,7 +198,7 @@ TEST_F(CollectorServiceTest, FaultModesShapeTheAnswer) {
   service.setMode(SandboxMode::Slow);
   const HttpOutcome slow = service.collect(request, "");
   EXPECT_EQ(slow.delaySeconds, 7);
-  EXPECT_FALSE(find(commands(slow), "appc").empty());
+  EXPECT_TRUE(parse(slow).challenge());
   EXPECT_EQ(slow.event["mode"], "slow");
 
   service.setMode(SandboxMode::Garbage);

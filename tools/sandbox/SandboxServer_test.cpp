@@ -6,6 +6,7 @@
 #include <fstream>
 #include <thread>
 
+#include "collector/CollectorResponse.h"
 #include "crypto/SHA256_CBC.h"
 
 namespace qs::sandbox {
@@ -46,11 +47,6 @@ class SandboxServerTest : public ::testing::Test {
            SHA256_CBC::encryptStringToBase64String(Value::array({activity}).dump(), "APP") + ids +
            "&appId=APP";
   }
-  static std::string field(const std::string& command, int index) {
-    std::size_t from = 0;
-    for (int i = 0; i < index; ++i) from = command.find('|', from) + 1;
-    return command.substr(from, command.find('|', from) - from);
-  }
   std::vector<Value> events() const {
     std::vector<Value> out;
     std::ifstream in(logPath);
@@ -71,27 +67,25 @@ TEST_F(SandboxServerTest, ChallengeTokenAndOrdersOverTls) {
                     form({{"t", "QS315"}, {"d", {{"QS330", "new_session"}}}}), type);
   ASSERT_TRUE(res) << httplib::to_string(res.error());
   ASSERT_EQ(res->status, 200);
-  std::string sid, vid, appc;
-  const Value first = Value::parse(res->body);
-  for (const auto& command : first.at("do")) {
-    const std::string text = command.get<std::string>();
-    if (text.rfind("sid|", 0) == 0) sid = field(text, 1);
-    if (text.rfind("vid|", 0) == 0) vid = field(text, 1);
-    if (text.rfind("appc|", 0) == 0) appc = text;
-  }
-  ASSERT_FALSE(appc.empty()) << res->body;
-  const std::string uuid = field(appc, 4);
+  std::string error;
+  const auto first =
+      CollectorResponse::initWithCollectorResponse(Value::parse(res->body), 0, &error);
+  ASSERT_TRUE(first && first->challenge()) << res->body;
+  const QSChallenge& challenge = *first->challenge();
+  const std::string& uuid = challenge.uuid();
   const Value answer = {{"t", "QS329"},
                         {"d",
-                         {{"QS259", std::stoll(field(appc, 2))},
-                          {"QS256", field(appc, 3)},
+                         {{"QS259", challenge.timestamp().value_or(Value())},
+                          {"QS256", challenge.signedHash()},
                           {"QS257", std::string(uuid.rbegin(), uuid.rend())}}}};
-  res = c.Post("/api/v1/collector/mobile", form(answer, "&sid=" + sid + "&vid=" + vid), type);
+  const std::string ids = "&sid=" + first->sid().value_or("") + "&vid=" + first->vid().value_or("");
+  res = c.Post("/api/v1/collector/mobile", form(answer, ids), type);
   ASSERT_TRUE(res);
-  const std::string bake = Value::parse(res->body).at("do").at(0).get<std::string>();
-  ASSERT_EQ(field(bake, 0), "bake") << res->body;
+  const auto second =
+      CollectorResponse::initWithCollectorResponse(Value::parse(res->body), 0, &error);
+  ASSERT_TRUE(second && second->cookie()) << res->body;
 
-  res = c.Get("/api/orders", {{"X-QS-AUTHORIZATION", "3:" + field(bake, 3)}});
+  res = c.Get("/api/orders", {{"X-QS-AUTHORIZATION", "3:" + second->cookie()->token()}});
   ASSERT_TRUE(res);
   EXPECT_EQ(res->status, 200);
   res = c.Get("/api/orders", {{"X-QS-AUTHORIZATION", "1"}});
