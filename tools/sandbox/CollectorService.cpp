@@ -78,6 +78,8 @@ struct CollectorService::Activity {
   std::string appId;
   std::string sid;  // as sent; empty when absent
   std::string vid;
+  std::string uuid;  // the client's per-process id
+  std::string tag;
   std::string type;
   Value details;
 };
@@ -119,6 +121,8 @@ HttpOutcome CollectorService::collect(std::string_view body, std::string_view si
                    {"type", a.type},
                    {"sid", a.sid},
                    {"vid", a.vid},
+                   {"uuid", a.uuid},
+                   {"tag", a.tag},
                    {"d", a.details},
                    {"decision", decision.name},
                    {"answer", decision.answer}};
@@ -150,7 +154,8 @@ Parsed<CollectorService::Activity> CollectorService::readActivity(const FormBody
     return Result::fail("activity lacks a string \"t\" or an object \"d\"");
   }
   return Result::ok(Activity{std::string(appId), std::string(form.get("sid")),
-                             std::string(form.get("vid")), t->get<std::string>(), *d});
+                             std::string(form.get("vid")), std::string(form.get("uuid")),
+                             std::string(form.get("tag")), t->get<std::string>(), *d});
 }
 
 CollectorService::Decision CollectorService::decide(const Activity& a, std::string_view simulate,

@@ -24,7 +24,12 @@ std::string TokenSigner::mac(std::string_view domain, std::string_view message) 
 }
 
 std::string TokenSigner::sign(const TokenClaims& claims) const {
-  Value body = {{"appId", claims.appId}, {"vid", claims.vid}, {"exp", claims.expiresAt}};
+  // The nonce makes every token new, even two baked within the same second,
+  // so the client never takes a renewal for the token it already holds.
+  Value body = {{"appId", claims.appId},
+                {"vid", claims.vid},
+                {"exp", claims.expiresAt},
+                {"n", SandboxCodec::randomHex(6)}};
   if (!claims.simulate.empty()) body["sim"] = claims.simulate;
   const std::string encoded = SandboxCodec::base64UrlEncode(SandboxCodec::dumpJson(body));
   return encoded + "." + mac("token", encoded);

@@ -11,6 +11,7 @@ TEST(TokenSignerTest, TokenVerifiesUntilItsExpirySecond) {
   const TokenSigner signer("secret");
   const std::string token = signer.sign({"APP", "v-1", 1000, "captcha"});
   EXPECT_EQ(token.find_first_of("|: "), std::string::npos);
+  EXPECT_NE(token, signer.sign({"APP", "v-1", 1000, "captcha"}));
 
   const TokenCheck valid = signer.verify(token, 999.9);
   EXPECT_EQ(valid.status, TokenStatus::Valid);
