@@ -23,11 +23,6 @@
 #include "quarrystone/Constants.h"
 #include "quarrystone/LinuxPlatform.h"
 
-// The loopback server comes from a prebuilt, uninstrumented library whose
-// worker threads synchronise in ways ThreadSanitizer cannot see; its reports
-// about the server's own threads say nothing about the client under test.
-extern "C" const char* __tsan_default_suppressions() { return "race:libcpp-httplib.so\n"; }
-
 namespace qs {
 namespace {
 
