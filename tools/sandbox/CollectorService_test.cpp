@@ -6,6 +6,7 @@
 #include <string>
 
 #include "SandboxCodec.h"
+#include "collector/CollectorRequest.h"
 #include "collector/CollectorResponse.h"
 #include "crypto/SHA256_CBC.h"
 
@@ -23,9 +24,16 @@ class CollectorServiceTest : public ::testing::Test {
   static std::string encrypt(const std::string& json, const std::string& key) {
     return SHA256_CBC::encryptStringToBase64String(json, key);
   }
+  // The form body exactly as the library encodes it; ids is "&sid=S&vid=V".
   static std::string body(const Value& activity, const std::string& ids = "") {
-    return "uuid=u-1&tag=v2.51&en=1&payload=" + encrypt(Value::array({activity}).dump(), "APP") +
-           ids + "&appId=APP";
+    Value form = {{"uuid", "u-1"},
+                  {"tag", "v2.51"},
+                  {"en", "1"},
+                  {"payload", CollectorRequest::payloadValueToBase64(activity, "APP")}};
+    const auto extra = FormBody::parse(ids);
+    for (const auto& [key, value] : extra.value->fields) form[key] = value;
+    form["appId"] = "APP";
+    return CollectorRequest::toFormSubmitPostString(form);
   }
   static Value appActivity(const char* type, const char* state) {
     return {{"t", type}, {"d", {{"QS320", "model"}, {"QS330", state}}}};

@@ -25,11 +25,12 @@ TEST(FormBodyTest, KeepsRawBase64AndSplitsEachPairAtItsFirstEquals) {
 
 TEST(FormBodyTest, RefusesMalformedBodiesWithAReason) {
   std::string tooMany;
-  for (std::size_t i = 0; i <= FormBody::kMaxFields; ++i)
-    tooMany += "k" + std::to_string(i) + "=v&";
+  for (std::size_t i = 0; i <= FormBody::kMaxFields; ++i) {
+    tooMany.append("k").append(std::to_string(i)).append("=v&");
+  }
+  const std::string longKey = std::string(FormBody::kMaxKeyLength + 1, 'k').append("=v");
   for (const std::string& body :
-       {std::string("appId"), std::string("=value"), std::string("a=1&a=2"),
-        std::string(FormBody::kMaxKeyLength + 1, 'k') + "=v", tooMany}) {
+       {std::string("appId"), std::string("=value"), std::string("a=1&a=2"), longKey, tooMany}) {
     const auto form = FormBody::parse(body);
     EXPECT_FALSE(form) << body;
     EXPECT_FALSE(form.error.empty()) << body;

@@ -31,20 +31,17 @@ std::string summary(const Value& event) {
   const std::string kind = text(event, "event");
   std::string line = kind;
   if (kind == "activity") {
-    line +=
-        " " + text(event, "type") + " " + text(event, "decision") + " -> " + text(event, "answer");
+    line += fmt::format(" {} {} -> {}", text(event, "type"), text(event, "decision"),
+                        text(event, "answer"));
   } else if (kind == "backend") {
-    line += " " + text(event, "decision");
+    line += fmt::format(" {}", text(event, "decision"));
   } else if (kind == "rejected" || kind == "dropped") {
-    line += " " + text(event, "endpoint");
-  } else if (kind == "client_error") {
-    const auto report = event.find("report");
-    if (report != event.end()) line += " " + text(*report, "message");
+    line += fmt::format(" {}", text(event, "endpoint"));
+  } else if (kind == "client_error" && event.contains("report")) {
+    line += fmt::format(" {}", text(event["report"], "message"));
   }
-  for (const char* key : {"reason", "simulate", "mode", "status"}) {
-    if (event.contains(key) && !(kind == "rejected" && std::string(key) == "status")) {
-      line += std::string(" ") + key + "=" + text(event, key);
-    }
+  for (const char* key : {"reason", "simulate", "mode"}) {
+    if (event.contains(key)) line += fmt::format(" {}={}", key, text(event, key));
   }
   return line;
 }
