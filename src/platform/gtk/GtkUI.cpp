@@ -1,0 +1,170 @@
+#include "GtkUI.h"
+
+#include <algorithm>
+#include <vector>
+
+namespace qs {
+
+namespace {
+
+// What is left of a dismissed controller until the main loop comes round:
+// its window is destroyed there, not inside a web view callback that may
+// have started the dismissal.
+struct Retired {
+  GtkWindow* window;  // one reference
+  std::shared_ptr<ViewController> controller;
+};
+
+gboolean destroyRetired(gpointer data) {
+  auto* retired = static_cast<Retired*>(data);
+  gtk_window_destroy(retired->window);
+  g_object_unref(retired->window);
+  delete retired;
+  return G_SOURCE_REMOVE;
+}
+
+// Presents each controller in a modal window of its own. GTK thread only.
+class GtkUI final : public UI {
+ public:
+  explicit GtkUI(std::shared_ptr<KeyValueStore> store) : store_(std::move(store)) {}
+  ~GtkUI() override;
+
+  std::shared_ptr<WebView> createWebView(Rect frame) override {
+    return std::make_shared<GtkWebView>(frame, store_);
+  }
+  void setContent(ViewController& controller, std::shared_ptr<WebView> view) override;
+  void present(std::shared_ptr<ViewController> controller, ViewController& host,
+               bool animated) override;
+  void dismiss(ViewController& controller, bool animated) override;
+
+ private:
+  struct Presented {
+    std::shared_ptr<ViewController> controller;
+    GtkWindow* window;  // one reference
+    gulong closeHandler;
+    gulong destroyHandler;
+    std::shared_ptr<GtkWebView> content;
+  };
+
+  static gboolean onCloseRequest(GtkWindow* window, gpointer self);
+  static void onDestroy(GtkWidget* window, gpointer self);
+  std::vector<Presented>::iterator find(const ViewController& controller);
+  std::vector<Presented>::iterator findWindow(const GtkWindow* window);
+  // Takes the entry out of the list and disconnects it from its window.
+  Presented remove(std::vector<Presented>::iterator it);
+  void show(Presented& entry);
+
+  const std::shared_ptr<KeyValueStore> store_;
+  std::vector<Presented> presented_;
+};
+
+GtkUI::~GtkUI() {
+  while (!presented_.empty()) {
+    Presented entry = remove(presented_.begin());
+    gtk_window_destroy(entry.window);
+    g_object_unref(entry.window);
+  }
+}
+
+std::vector<GtkUI::Presented>::iterator GtkUI::find(const ViewController& controller) {
+  return std::find_if(presented_.begin(), presented_.end(),
+                      [&](const Presented& p) { return p.controller.get() == &controller; });
+}
+
+std::vector<GtkUI::Presented>::iterator GtkUI::findWindow(const GtkWindow* window) {
+  return std::find_if(presented_.begin(), presented_.end(),
+                      [&](const Presented& p) { return p.window == window; });
+}
+
+GtkUI::Presented GtkUI::remove(std::vector<Presented>::iterator it) {
+  Presented entry = std::move(*it);
+  presented_.erase(it);
+  g_signal_handler_disconnect(entry.window, entry.closeHandler);
+  g_signal_handler_disconnect(entry.window, entry.destroyHandler);
+  return entry;
+}
+
+void GtkUI::setContent(ViewController& controller, std::shared_ptr<WebView> view) {
+  auto it = find(controller);
+  if (it == presented_.end()) return;
+  it->content = std::dynamic_pointer_cast<GtkWebView>(view);
+  show(*it);
+}
+
+void GtkUI::show(Presented& entry) {
+  if (!entry.content) {
+    gtk_window_set_child(entry.window, nullptr);
+    return;
+  }
+  Rect frame = entry.content->frame();
+  if (frame.width >= 1 && frame.height >= 1) {
+    gtk_window_set_default_size(entry.window, static_cast<int>(frame.width),
+                                static_cast<int>(frame.height));
+  }
+  gtk_window_set_child(entry.window, GTK_WIDGET(entry.content->widget()));
+}
+
+void GtkUI::present(std::shared_ptr<ViewController> controller, ViewController& host,
+                    bool /*animated*/) {
+  if (!controller || find(*controller) != presented_.end()) return;
+  GtkWindow* parent = nullptr;  // one reference when set
+  if (auto* gtkHost = dynamic_cast<GtkHostViewController*>(&host)) {
+    parent = gtkHost->window();
+  } else if (auto it = find(host); it != presented_.end()) {
+    parent = GTK_WINDOW(g_object_ref(it->window));
+  }
+
+  auto* window = GTK_WINDOW(g_object_ref(gtk_window_new()));
+  gtk_window_set_modal(window, TRUE);
+  gtk_window_set_transient_for(window, parent);
+  gtk_window_set_destroy_with_parent(window, TRUE);
+  if (parent) g_object_unref(parent);
+  gulong close = g_signal_connect(window, "close-request", G_CALLBACK(onCloseRequest), this);
+  gulong destroy = g_signal_connect(window, "destroy", G_CALLBACK(onDestroy), this);
+  presented_.push_back(Presented{controller, window, close, destroy, nullptr});
+
+  controller->viewDidLoad();
+  // viewDidLoad may have dismissed it again.
+  if (findWindow(window) != presented_.end()) gtk_window_present(window);
+}
+
+void GtkUI::dismiss(ViewController& controller, bool animated) {
+  auto it = find(controller);
+  if (it == presented_.end()) return;
+  controller.viewWillDisappear(animated);
+  it = find(controller);  // viewWillDisappear may have changed the list
+  if (it == presented_.end()) return;
+  Presented entry = remove(it);
+  gtk_widget_set_visible(GTK_WIDGET(entry.window), FALSE);
+  g_idle_add(destroyRetired, new Retired{entry.window, std::move(entry.controller)});
+}
+
+gboolean GtkUI::onCloseRequest(GtkWindow* window, gpointer self) {
+  auto* ui = static_cast<GtkUI*>(self);
+  if (auto it = ui->findWindow(window); it != ui->presented_.end()) {
+    auto controller = it->controller;
+    ui->dismiss(*controller, false);
+  }
+  return TRUE;  // dismissal destroys the window
+}
+
+void GtkUI::onDestroy(GtkWidget* window, gpointer self) {
+  // Destroyed from outside, e.g. together with its parent window.
+  auto* ui = static_cast<GtkUI*>(self);
+  auto it = ui->findWindow(GTK_WINDOW(window));
+  if (it == ui->presented_.end()) return;
+  auto controller = it->controller;
+  controller->viewWillDisappear(false);
+  if (it = ui->findWindow(GTK_WINDOW(window)); it != ui->presented_.end()) {
+    Presented entry = ui->remove(it);
+    g_object_unref(entry.window);
+  }
+}
+
+}  // namespace
+
+std::shared_ptr<UI> makeGtkUI(std::shared_ptr<KeyValueStore> store) {
+  return std::make_shared<GtkUI>(std::move(store));
+}
+
+}  // namespace qs

@@ -1,0 +1,240 @@
+// The block/captcha controller in the real web engine. Needs an X display:
+// without one the test program starts its own Xvfb server.
+#include "GtkUI.h"
+
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <string>
+
+#include "FakePlatform.h"
+#include "block/QSWebViewController.h"
+
+extern char** environ;
+
+// Font configuration and the script engine keep process-lifetime caches that
+// the leak checker would report at exit.
+extern "C" const char* __lsan_default_suppressions() {
+  return "leak:libfontconfig.so\nleak:libjavascriptcoregtk-6.0.so\n";
+}
+
+namespace qs {
+namespace {
+
+constexpr const char* kLibraryUA = "QuarrystoneTest/1.0 (X11; Scale/1.00)";
+
+// Starts Xvfb on a free display when none is set, then initialises GTK.
+class DisplayEnvironment final : public ::testing::Environment {
+ public:
+  void SetUp() override {
+    setenv("GTK_A11Y", "none", 1);
+    setenv("NO_AT_BRIDGE", "1", 1);
+    if (std::getenv("DISPLAY") == nullptr && std::getenv("WAYLAND_DISPLAY") == nullptr) {
+      startXvfb();
+    }
+    setenv("GDK_BACKEND", "x11", 1);
+    ASSERT_TRUE(gtk_init_check()) << "no usable display";
+  }
+  void TearDown() override {
+    if (xvfb_ > 0) {
+      kill(xvfb_, SIGTERM);
+      waitpid(xvfb_, nullptr, 0);
+    }
+  }
+
+ private:
+  void startXvfb() {
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    std::string fd = std::to_string(fds[1]);
+    const char* argv[] = {"Xvfb",        "-displayfd", fd.c_str(), "-screen", "0",
+                          "1024x768x24", "-nolisten",  "tcp",      nullptr};
+    ASSERT_EQ(posix_spawnp(&xvfb_, "Xvfb", nullptr, nullptr, const_cast<char**>(argv), environ), 0);
+    close(fds[1]);
+    // Xvfb writes its display number once it accepts connections.
+    std::string number;
+    pollfd p{fds[0], POLLIN, 0};
+    char c;
+    while (poll(&p, 1, 15000) == 1 && read(fds[0], &c, 1) == 1 && c != '\n') number += c;
+    close(fds[0]);
+    ASSERT_FALSE(number.empty()) << "Xvfb did not start";
+    setenv("DISPLAY", (":" + number).c_str(), 1);
+  }
+
+  pid_t xvfb_ = 0;
+};
+
+const auto* const kDisplay = ::testing::AddGlobalTestEnvironment(new DisplayEnvironment);
+
+// Runs the GTK main context until `done` holds or `seconds` have passed.
+bool iterateUntil(const std::function<bool()>& done, unsigned seconds = 30) {
+  bool expired = false;
+  guint timeout = g_timeout_add_seconds(
+      seconds,
+      [](gpointer flag) {
+        *static_cast<bool*>(flag) = true;
+        return G_SOURCE_REMOVE;
+      },
+      &expired);
+  while (!done() && !expired) g_main_context_iteration(nullptr, TRUE);
+  if (!expired) g_source_remove(timeout);
+  return done();
+}
+
+class CountingDelegate final : public QSWebViewDelegate {
+ public:
+  void captchaSuccess() override { ++calls; }
+  int calls = 0;
+};
+
+std::string base64(const std::string& text) {
+  gchar* encoded = g_base64_encode(reinterpret_cast<const guchar*>(text.data()), text.size());
+  std::string out(encoded);
+  g_free(encoded);
+  return out;
+}
+
+// A host window with the block/captcha controller presented over it.
+class GtkUITest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    fake.ui = makeGtkUI(fake.store);
+    hostWindow = GTK_WINDOW(gtk_window_new());
+    gtk_window_present(hostWindow);
+    host = std::make_unique<GtkHostViewController>(hostWindow);
+  }
+  void TearDown() override {
+    controller.reset();
+    fake.ui.reset();
+    gtk_window_destroy(hostWindow);
+    // Let the destroyed windows' pending work run before the next case.
+    for (int i = 0; i < 1000 && g_main_context_iteration(nullptr, FALSE); ++i) {
+    }
+  }
+
+  void present(const std::string& action, const std::string& html) {
+    controller = std::make_shared<QSWebViewController>(
+        fake.platform(), kLibraryUA, "qs.test",
+        [] { return std::string("https://collector-APP.qs.test/api/v1/collector/mobile"); },
+        [](const std::string&) {});
+    controller->setDelegate(delegate);
+    controller->setBlockResponse(
+        std::make_shared<QSBlockResponse>(Value{{"action", action}, {"page", base64(html)}}));
+    fake.ui->present(controller, *host, true);
+    auto* view = dynamic_cast<GtkWebView*>(controller->webview().get());
+    ASSERT_NE(view, nullptr);
+    webView = view->widget();
+    window = GTK_WINDOW(gtk_widget_get_root(GTK_WIDGET(webView)));
+    g_weak_ref_init(&windowRef, window);
+  }
+  bool windowGone() {
+    GObject* alive = G_OBJECT(g_weak_ref_get(&windowRef));
+    if (alive) g_object_unref(alive);
+    return alive == nullptr;
+  }
+
+  fake::FakePlatform fake;
+  GtkWindow* hostWindow = nullptr;
+  std::unique_ptr<GtkHostViewController> host;
+  std::shared_ptr<CountingDelegate> delegate = std::make_shared<CountingDelegate>();
+  std::shared_ptr<QSWebViewController> controller;
+  WebKitWebView* webView = nullptr;
+  GtkWindow* window = nullptr;
+  GWeakRef windowRef;
+};
+
+TEST_F(GtkUITest, SolvedCaptchaInThePageTellsTheDelegateAndClosesTheWindow) {
+  present("captcha",
+          "<p>solving</p><script>setTimeout(function () {"
+          "  location.href = '/qs/captcha_callback?status=0'; }, 50);</script>");
+  EXPECT_TRUE(gtk_window_get_modal(window));
+  EXPECT_EQ(gtk_window_get_transient_for(window), hostWindow);
+
+  ASSERT_TRUE(iterateUntil([&] { return delegate->calls > 0; }));
+  EXPECT_TRUE(iterateUntil([&] { return windowGone(); }));
+  EXPECT_EQ(delegate->calls, 1);
+  EXPECT_TRUE(fake.log->contains("Loading URL :https://qs.test/qs/captcha_callback?status=0"));
+  EXPECT_TRUE(gtk_widget_get_visible(GTK_WIDGET(hostWindow)));
+}
+
+TEST_F(GtkUITest, FailedCaptchaReloadsThePageWhichSeesTheLibraryUserAgent) {
+  // The page reports the user agent it sees in the callback URL.
+  present("captcha",
+          "<script>location.href = '/qs/captcha_callback?status=1&ua=' + "
+          "encodeURIComponent(navigator.userAgent);</script>");
+  // A second callback can only come from the page loaded again.
+  ASSERT_TRUE(iterateUntil([&] { return fake.log->count("captchaSuccess --> status: 1") >= 2; }));
+  EXPECT_EQ(delegate->calls, 0);
+  EXPECT_FALSE(windowGone());
+  EXPECT_TRUE(
+      fake.log->contains("Loading URL :https://qs.test/qs/captcha_callback?status=1&ua="
+                         "QuarrystoneTest%2F1.0%20(X11%3B%20Scale%2F1.00)"));
+  fake.ui->dismiss(*controller, false);
+  EXPECT_TRUE(iterateUntil([&] { return windowGone(); }));
+}
+
+TEST_F(GtkUITest, BlockPageIsRenderedAndClosingItRestoresTheUserAgent) {
+  fake.store->registerDefaults(Value{{"UserAgent", "HostBrowser/2"}});
+  present("block",
+          "<html><body style='margin:0;background:#1f6f5c;color:white'>"
+          "<h1 style='font:bold 40px sans-serif;padding:40px'>Access blocked</h1>"
+          "<p style='padding:40px'>Quarrystone test block page</p></body></html>");
+  ASSERT_TRUE(iterateUntil([&] {
+    return !webkit_web_view_is_loading(webView) &&
+           webkit_web_view_get_estimated_load_progress(webView) >= 1.0 &&
+           gtk_widget_get_width(GTK_WIDGET(webView)) > 0;
+  }));
+
+  GdkTexture* snapshot = nullptr;
+  bool finished = false;
+  struct Result {
+    GdkTexture** texture;
+    bool* finished;
+  } result{&snapshot, &finished};
+  webkit_web_view_get_snapshot(
+      webView, WEBKIT_SNAPSHOT_REGION_VISIBLE, WEBKIT_SNAPSHOT_OPTIONS_NONE, nullptr,
+      [](GObject* source, GAsyncResult* res, gpointer data) {
+        auto* r = static_cast<Result*>(data);
+        *r->texture = webkit_web_view_get_snapshot_finish(WEBKIT_WEB_VIEW(source), res, nullptr);
+        *r->finished = true;
+      },
+      &result);
+  ASSERT_TRUE(iterateUntil([&] { return finished; }));
+  ASSERT_NE(snapshot, nullptr);
+  auto dir = std::filesystem::current_path() / "gtk-artifacts";
+  std::filesystem::create_directories(dir);
+  auto png = (dir / "block-page.png").string();
+  EXPECT_TRUE(gdk_texture_save_to_png(snapshot, png.c_str()));
+  RecordProperty("screenshot", png);
+
+  // The window is phone-screen sized and the page's background fills it.
+  int width = gdk_texture_get_width(snapshot);
+  int height = gdk_texture_get_height(snapshot);
+  EXPECT_EQ(width, 375);
+  EXPECT_EQ(height, 667);
+  std::vector<guchar> pixels(static_cast<std::size_t>(width) * height * 4);
+  gdk_texture_download(snapshot, pixels.data(), static_cast<gsize>(width) * 4);
+  const guchar* corner = &pixels[(static_cast<std::size_t>(height - 5) * width + 5) * 4];
+  // Downloaded as native-endian B8G8R8A8 premultiplied.
+  EXPECT_EQ(corner[2], 0x1f);
+  EXPECT_EQ(corner[1], 0x6f);
+  EXPECT_EQ(corner[0], 0x5c);
+  g_object_unref(snapshot);
+
+  EXPECT_EQ(fake.store->objectForKey("UserAgent"), Value(kLibraryUA));
+  gtk_window_close(window);
+  EXPECT_TRUE(iterateUntil([&] { return windowGone(); }));
+  EXPECT_EQ(fake.store->objectForKey("UserAgent"), Value("HostBrowser/2"));
+  EXPECT_TRUE(fake.log->contains("resetUserAgent to: HostBrowser/2"));
+  EXPECT_EQ(delegate->calls, 0);
+}
+
+}  // namespace
+}  // namespace qs
