@@ -29,7 +29,10 @@ class QSGetOperation : public QSNetworkOperation {
   const std::string& requestURL() const { return requestURL_; }
   const std::optional<HeaderMap>& httpHeaders() const { return httpHeaders_; }
   const std::optional<std::string>& contentType() const { return contentType_; }
-  void setDelegate(std::shared_ptr<QSGetOperationDelegate> delegate) { delegate_ = std::move(delegate); }
+  // REQUIRES: called before the operation is queued; null means nobody is told.
+  void setDelegate(std::shared_ptr<QSGetOperationDelegate> delegate) {
+    delegate_ = std::move(delegate);
+  }
   const std::shared_ptr<QSGetOperationDelegate>& delegate() const { return delegate_; }
 
  protected:

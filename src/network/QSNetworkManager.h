@@ -15,11 +15,12 @@ class QSNetworkManager {
   // `platform` is weak: it must outlive this object.
   explicit QSNetworkManager(const Platform& platform);
 
-  // Queues the operation; the queue starts it when it has room (no limit is
-  // set) and keeps it until it reports finished.
+  // Queues the operation; the queue starts it at once on a worker (no limit
+  // is set) and keeps it until it reports finished. Returns without waiting.
   void addNetworkOperation(std::shared_ptr<QSNetworkOperation> operation);
 
-  // "Quarrystone iOS SDK/<version> (iPhone; iOS <system version>; Scale/<scale, 2 decimals>)"
+  // "Quarrystone iOS SDK/<version> (iPhone; iOS <system version>; Scale/<scale, 2 decimals>)".
+  // The scale is 1 when the device has no main screen. Built anew on each call.
   static std::string userAgent(DeviceInfo& device);
   std::string userAgent() const;
 

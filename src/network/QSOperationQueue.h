@@ -11,11 +11,14 @@
 namespace qs {
 
 // Runs operations on the platform's worker pool with no concurrency limit,
-// holding each until it reports finished. Thread-safe.
+// holding each until it reports finished: it observes "isFinished" and lets
+// go on the did-change announcement. An operation cancelled before it starts
+// is dropped without running. Thread-safe; owned through std::shared_ptr.
 class QSOperationQueue : public std::enable_shared_from_this<QSOperationQueue> {
  public:
   explicit QSOperationQueue(std::shared_ptr<WorkerPool> workers);
   void addOperation(std::shared_ptr<QSNetworkOperation> operation);
+  // Operations added and not yet finished.
   std::size_t operationCount() const;
 
  private:

@@ -40,8 +40,12 @@ class QSPostOperation : public QSNetworkOperation {
   const std::string& requestURL() const { return requestURL_; }
   const std::string& activityType() const { return activityType_; }
   const std::optional<HeaderMap>& httpHeaders() const { return httpHeaders_; }
+  // REQUIRES: called before the operation is queued.
   void setHttpHeaders(std::optional<HeaderMap> headers) { httpHeaders_ = std::move(headers); }
-  void setDelegate(std::shared_ptr<QSPostOperationDelegate> delegate) { delegate_ = std::move(delegate); }
+  // REQUIRES: called before the operation is queued; null means nobody is told.
+  void setDelegate(std::shared_ptr<QSPostOperationDelegate> delegate) {
+    delegate_ = std::move(delegate);
+  }
   const std::shared_ptr<QSPostOperationDelegate>& delegate() const { return delegate_; }
 
  protected:

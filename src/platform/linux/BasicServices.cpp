@@ -64,8 +64,8 @@ class LocalNotificationCenter final : public NotificationCenter {
     std::shared_ptr<Observer> observer;
   };
   std::mutex mutex_;
-  Token lastToken_ = 0;                // guarded by mutex_
-  std::map<Token, Entry> observers_;   // guarded by mutex_
+  Token lastToken_ = 0;               // guarded by mutex_
+  std::map<Token, Entry> observers_;  // guarded by mutex_
 };
 
 // A record archives as a CBOR map of its coder keys inside a small envelope

@@ -1,0 +1,542 @@
+// The libcurl HTTP client. One network thread per client drives every
+// transfer through a single multi handle (so connections, DNS answers and TLS
+// set-up are shared between requests) and calls each completion on that
+// thread. While no transfer runs, the thread sleeps in curl_multi_poll until
+// send() or destruction wakes it; it never wakes on a timer of its own.
+#include <curl/curl.h>
+#include <fmt/format.h>
+#include <openssl/err.h>
+#include <openssl/pem.h>
+#include <openssl/ssl.h>
+#include <openssl/x509.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <climits>
+#include <cmath>
+#include <deque>
+#include <exception>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "quarrystone/LinuxPlatform.h"
+
+namespace qs {
+
+namespace {
+
+// A body larger than this is refused rather than grown without bound.
+constexpr std::size_t kMaxBodyBytes = 32u << 20;
+constexpr long kMaxRedirects = 10;
+
+HttpError transportError(HttpError::Code code) {
+  switch (code) {
+    case HttpError::Code::TimedOut:
+      return {code, "The request timed out."};
+    case HttpError::Code::CannotConnect:
+      return {code, "Could not connect to the server."};
+    case HttpError::Code::CannotFindHost:
+      return {code, "A server with the specified hostname could not be found."};
+    case HttpError::Code::NotConnected:
+      return {code, "The Internet connection appears to be offline."};
+    case HttpError::Code::SecureConnectionFailed:
+      return {code,
+              "An SSL error has occurred and a secure connection to the server cannot be made."};
+    case HttpError::Code::Cancelled:
+      return {code, "cancelled"};
+    case HttpError::Code::BadURL:
+      return {code, "unsupported URL"};
+    case HttpError::Code::Other:
+      break;
+  }
+  return {HttpError::Code::Other, "An unknown error occurred."};
+}
+
+HttpError otherError(std::string description) {
+  return {HttpError::Code::Other, std::move(description)};
+}
+
+bool equalsIgnoringCase(std::string_view a, std::string_view b) {
+  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
+           return std::tolower(static_cast<unsigned char>(x)) ==
+                  std::tolower(static_cast<unsigned char>(y));
+         });
+}
+
+bool startsWithIgnoringCase(std::string_view text, std::string_view prefix) {
+  return text.size() >= prefix.size() && equalsIgnoringCase(text.substr(0, prefix.size()), prefix);
+}
+
+// An HTTP token: what a method or a header name may consist of.
+bool isToken(std::string_view text) {
+  static constexpr std::string_view kSeparators = "()<>@,;:\\\"/[]?={} \t";
+  return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) {
+    auto u = static_cast<unsigned char>(c);
+    return u > 32 && u < 127 && kSeparators.find(c) == std::string_view::npos;
+  });
+}
+
+bool isHeaderValue(std::string_view text) {
+  return text.find_first_of(std::string_view("\r\n\0", 3)) == std::string_view::npos;
+}
+
+std::string_view trim(std::string_view text) {
+  while (!text.empty() && std::isspace(static_cast<unsigned char>(text.front()))) {
+    text.remove_prefix(1);
+  }
+  while (!text.empty() && std::isspace(static_cast<unsigned char>(text.back()))) {
+    text.remove_suffix(1);
+  }
+  return text;
+}
+
+HttpError errorFor(CURLcode code, long osErrno, const char* curlText) {
+  using C = HttpError::Code;
+  switch (code) {
+    case CURLE_OPERATION_TIMEDOUT:
+      return transportError(C::TimedOut);
+    case CURLE_COULDNT_RESOLVE_HOST:
+    case CURLE_COULDNT_RESOLVE_PROXY:
+      return transportError(C::CannotFindHost);
+    case CURLE_COULDNT_CONNECT:
+      if (osErrno == ENETUNREACH || osErrno == ENETDOWN) return transportError(C::NotConnected);
+      return transportError(C::CannotConnect);
+    case CURLE_SSL_CONNECT_ERROR:
+    case CURLE_PEER_FAILED_VERIFICATION:
+    case CURLE_SSL_CERTPROBLEM:
+    case CURLE_SSL_CIPHER:
+    case CURLE_SSL_CACERT_BADFILE:
+    case CURLE_SSL_ISSUER_ERROR:
+    case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
+    case CURLE_SSL_INVALIDCERTSTATUS:
+    case CURLE_SSL_CRL_BADFILE:
+    case CURLE_SSL_SHUTDOWN_FAILED:
+    case CURLE_SSL_ENGINE_NOTFOUND:
+    case CURLE_SSL_ENGINE_SETFAILED:
+    case CURLE_SSL_ENGINE_INITFAILED:
+    case CURLE_USE_SSL_FAILED:
+      return transportError(C::SecureConnectionFailed);
+    case CURLE_URL_MALFORMAT:
+      return {C::BadURL, "bad URL"};
+    case CURLE_UNSUPPORTED_PROTOCOL:
+      return transportError(C::BadURL);
+    case CURLE_GOT_NOTHING:
+    case CURLE_SEND_ERROR:
+    case CURLE_RECV_ERROR:
+    case CURLE_PARTIAL_FILE:
+    case CURLE_HTTP2:
+    case CURLE_HTTP2_STREAM:
+      return otherError("The network connection was lost.");
+    case CURLE_TOO_MANY_REDIRECTS:
+      return otherError("too many HTTP redirects");
+    case CURLE_BAD_CONTENT_ENCODING:
+      return otherError("cannot decode raw data");
+    default:
+      break;
+  }
+  std::string detail = curlText && *curlText ? curlText : curl_easy_strerror(code);
+  return otherError(fmt::format("An unknown error occurred. ({})", detail));
+}
+
+// Certificates trusted in addition to the system store. Read-only once
+// loaded, so the network thread may use them without a lock.
+class ExtraTrust {
+ public:
+  ExtraTrust(const std::string& path, Log& log) {
+    if (path.empty()) return;
+    BIO* bio = BIO_new_file(path.c_str(), "r");
+    if (!bio) {
+      log.write(fmt::format("HttpClientCurl: cannot read trust file {}", path));
+      ERR_clear_error();
+      return;
+    }
+    while (X509* cert = PEM_read_bio_X509(bio, nullptr, nullptr, nullptr)) certs_.push_back(cert);
+    BIO_free(bio);
+    ERR_clear_error();  // reading stops at the end of the file with an error
+    if (certs_.empty()) {
+      log.write(fmt::format("HttpClientCurl: no certificate in trust file {}", path));
+    }
+  }
+  ~ExtraTrust() {
+    for (X509* cert : certs_) X509_free(cert);
+  }
+  ExtraTrust(const ExtraTrust&) = delete;
+  ExtraTrust& operator=(const ExtraTrust&) = delete;
+
+  bool empty() const { return certs_.empty(); }
+
+  // Called by libcurl with each new connection's TLS context, after it has
+  // loaded the system store into it.
+  static CURLcode addToContext(CURL*, void* sslContext, void* self) {
+    X509_STORE* store = SSL_CTX_get_cert_store(static_cast<SSL_CTX*>(sslContext));
+    for (X509* cert : static_cast<const ExtraTrust*>(self)->certs_) {
+      X509_STORE_add_cert(store, cert);  // a certificate already there is refused harmlessly
+    }
+    ERR_clear_error();
+    return CURLE_OK;
+  }
+
+ private:
+  std::vector<X509*> certs_;
+};
+
+struct Job {
+  HttpRequest request;
+  HttpClient::Completion completion;
+};
+
+// One request in flight: the easy handle and everything it points into.
+struct Transfer {
+  Transfer() = default;
+  Transfer(const Transfer&) = delete;
+  Transfer& operator=(const Transfer&) = delete;
+  ~Transfer() {
+    if (easy) curl_easy_cleanup(easy);
+    if (headers) curl_slist_free_all(headers);
+  }
+
+  CURL* easy = nullptr;
+  curl_slist* headers = nullptr;
+  std::string method;
+  std::string requestBody;
+  std::string body;
+  HttpResponse response;
+  bool bodyRefused = false;
+  HttpClient::Completion completion;
+  char errorText[CURL_ERROR_SIZE] = {};
+};
+
+std::size_t onBody(char* data, std::size_t size, std::size_t count, void* user) {
+  auto* transfer = static_cast<Transfer*>(user);
+  const std::size_t bytes = size * count;
+  try {
+    if (transfer->body.size() + bytes > kMaxBodyBytes) throw std::length_error("body");
+    transfer->body.append(data, bytes);
+    return bytes;
+  } catch (...) {
+    transfer->bodyRefused = true;
+    return 0;  // makes libcurl stop the transfer
+  }
+}
+
+std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* user) {
+  auto* transfer = static_cast<Transfer*>(user);
+  const std::size_t bytes = size * count;
+  std::string_view line(data, bytes);
+  try {
+    if (startsWithIgnoringCase(line, "HTTP/")) {
+      transfer->response.headers.clear();  // a new response: interim or after a redirect
+    } else if (auto colon = line.find(':'); colon != std::string_view::npos) {
+      transfer->response.headers.emplace_back(std::string(trim(line.substr(0, colon))),
+                                              std::string(trim(line.substr(colon + 1))));
+    }
+  } catch (...) {
+    return 0;
+  }
+  return bytes;
+}
+
+void deliver(const HttpClient::Completion& completion, Log& log, std::optional<std::string> body,
+             std::optional<HttpResponse> response, std::optional<HttpError> error) {
+  try {
+    completion(std::move(body), std::move(response), std::move(error));
+  } catch (const std::exception& e) {
+    log.write(fmt::format("HttpClientCurl: completion threw: {}", e.what()));
+  } catch (...) {
+    log.write("HttpClientCurl: completion threw");
+  }
+}
+
+// The state the network thread shares with the client. Kept apart from the
+// client so that a completion may drop the last reference to the client.
+class CurlEngine : public std::enable_shared_from_this<CurlEngine> {
+ public:
+  CurlEngine(const std::string& caFile, std::shared_ptr<Log> log)
+      : log_(std::move(log)), trust_(caFile, *log_) {}
+
+  // Any thread. Starts the network thread on first use.
+  void submit(Job job) {
+    std::optional<HttpError> refusal;
+    {
+      std::lock_guard lock(mutex_);
+      if (closed_) {
+        refusal = transportError(HttpError::Code::Cancelled);
+      } else if (!multi_ && !startThread()) {
+        refusal = otherError("The network thread could not be started.");
+      } else {
+        incoming_.push_back(std::move(job));
+        curl_multi_wakeup(multi_);
+        return;
+      }
+    }
+    deliver(job.completion, *log_, std::nullopt, std::nullopt, std::move(refusal));
+  }
+
+  // Fails whatever is in flight with a cancelled error and stops the thread.
+  // From the network thread itself (a completion releasing the client) the
+  // thread is left to wind down on its own.
+  void shutdown() {
+    std::thread worker;
+    {
+      std::lock_guard lock(mutex_);
+      stopping_ = true;
+      if (multi_) {
+        curl_multi_wakeup(multi_);
+      } else {
+        closed_ = true;
+      }
+      worker = std::move(thread_);
+    }
+    if (!worker.joinable()) return;
+    if (worker.get_id() == std::this_thread::get_id()) {
+      worker.detach();
+    } else {
+      worker.join();
+    }
+  }
+
+ private:
+  using ActiveMap = std::unordered_map<CURL*, std::unique_ptr<Transfer>>;
+
+  // REQUIRES: mutex_ held.
+  bool startThread() {
+    multi_ = curl_multi_init();
+    if (!multi_) return false;
+    try {
+      thread_ = std::thread([self = shared_from_this()] { self->run(); });
+      return true;
+    } catch (...) {
+      curl_multi_cleanup(multi_);
+      multi_ = nullptr;
+      return false;
+    }
+  }
+
+  void run() {
+    // multi_ was set before this thread started and only this thread clears it.
+    CURLM* multi = multi_;
+    ActiveMap active;
+    for (;;) {
+      std::deque<Job> jobs;
+      bool stop;
+      {
+        std::lock_guard lock(mutex_);
+        jobs.swap(incoming_);
+        stop = stopping_;
+      }
+      if (stop) {
+        cancelAll(multi, active, std::move(jobs));
+        break;
+      }
+      for (auto& job : jobs) begin(multi, active, std::move(job));
+      int running = 0;
+      curl_multi_perform(multi, &running);
+      collectFinished(multi, active);
+      curl_multi_poll(multi, nullptr, 0, INT_MAX, nullptr);
+    }
+    {
+      std::lock_guard lock(mutex_);
+      multi_ = nullptr;
+    }
+    curl_multi_cleanup(multi);
+  }
+
+  void begin(CURLM* multi, ActiveMap& active, Job job) {
+    auto transfer = std::make_unique<Transfer>();
+    transfer->completion = std::move(job.completion);
+    if (auto error = configure(*transfer, std::move(job.request))) {
+      deliver(transfer->completion, *log_, std::nullopt, std::nullopt, std::move(error));
+      return;
+    }
+    if (curl_multi_add_handle(multi, transfer->easy) != CURLM_OK) {
+      deliver(transfer->completion, *log_, std::nullopt, std::nullopt,
+              otherError("The request could not be started."));
+      return;
+    }
+    CURL* easy = transfer->easy;
+    active.emplace(easy, std::move(transfer));
+  }
+
+  // Sets the easy handle up; an error when the request cannot be sent at all.
+  std::optional<HttpError> configure(Transfer& t, HttpRequest request) {
+    if (!startsWithIgnoringCase(request.url, "http://") &&
+        !startsWithIgnoringCase(request.url, "https://")) {
+      return transportError(HttpError::Code::BadURL);
+    }
+    if (!isToken(request.method)) return otherError("The request method is not valid.");
+    t.easy = curl_easy_init();
+    if (!t.easy) return otherError("The request could not be started.");
+    CURL* e = t.easy;
+
+    curl_easy_setopt(e, CURLOPT_URL, request.url.c_str());
+    curl_easy_setopt(e, CURLOPT_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(e, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(e, CURLOPT_FOLLOWLOCATION, 1L);
+    curl_easy_setopt(e, CURLOPT_MAXREDIRS, kMaxRedirects);
+    curl_easy_setopt(e, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(e, CURLOPT_ERRORBUFFER, t.errorText);
+    curl_easy_setopt(e, CURLOPT_ACCEPT_ENCODING, "");
+    curl_easy_setopt(e, CURLOPT_WRITEFUNCTION, onBody);
+    curl_easy_setopt(e, CURLOPT_WRITEDATA, &t);
+    curl_easy_setopt(e, CURLOPT_HEADERFUNCTION, onHeader);
+    curl_easy_setopt(e, CURLOPT_HEADERDATA, &t);
+
+    // A whole-request limit; a nonsensical one falls back to the usual 5 s.
+    double seconds = request.timeoutSeconds;
+    if (!std::isfinite(seconds) || seconds <= 0) seconds = 5.0;
+    const long millis = static_cast<long>(std::min(seconds * 1000.0, double{INT_MAX}));
+    curl_easy_setopt(e, CURLOPT_TIMEOUT_MS, std::max(millis, 1L));
+    curl_easy_setopt(e, CURLOPT_CONNECTTIMEOUT_MS, std::max(millis, 1L));
+
+    curl_easy_setopt(e, CURLOPT_SSL_VERIFYPEER, 1L);
+    curl_easy_setopt(e, CURLOPT_SSL_VERIFYHOST, 2L);
+    if (!trust_.empty()) {
+      // Loading the store per connection keeps the added certificates out of
+      // a store shared across connections.
+      curl_easy_setopt(e, CURLOPT_CA_CACHE_TIMEOUT, 0L);
+      curl_easy_setopt(e, CURLOPT_SSL_CTX_FUNCTION, &ExtraTrust::addToContext);
+      curl_easy_setopt(e, CURLOPT_SSL_CTX_DATA, &trust_);
+    }
+
+    t.method = std::move(request.method);
+    const bool hasBody = request.body.has_value();
+    if (hasBody) t.requestBody = std::move(*request.body);
+    if (t.method == "GET" && !hasBody) {
+      curl_easy_setopt(e, CURLOPT_HTTPGET, 1L);
+    } else if (t.method == "HEAD" && !hasBody) {
+      curl_easy_setopt(e, CURLOPT_NOBODY, 1L);
+    } else {
+      if (hasBody || t.method == "POST") {
+        curl_easy_setopt(e, CURLOPT_POSTFIELDSIZE_LARGE,
+                         static_cast<curl_off_t>(t.requestBody.size()));
+        curl_easy_setopt(e, CURLOPT_POSTFIELDS, t.requestBody.c_str());
+      }
+      if (t.method != "POST") curl_easy_setopt(e, CURLOPT_CUSTOMREQUEST, t.method.c_str());
+    }
+
+    bool hasCacheControl = false, hasPragma = false, hasExpect = false;
+    for (const auto& [name, value] : request.headers) {
+      if (!isToken(name) || !isHeaderValue(value)) {
+        log_->write(fmt::format("HttpClientCurl: header not sent, invalid: {}", name));
+        continue;
+      }
+      hasCacheControl |= equalsIgnoringCase(name, "Cache-Control");
+      hasPragma |= equalsIgnoringCase(name, "Pragma");
+      hasExpect |= equalsIgnoringCase(name, "Expect");
+      // "Name;" is libcurl's way of sending a header with an empty value.
+      appendHeader(t, value.empty() ? name + ";" : name + ": " + value);
+    }
+    // Never answered from a cache, neither here nor by anything on the way.
+    if (!hasCacheControl) appendHeader(t, "Cache-Control: no-cache");
+    if (!hasPragma) appendHeader(t, "Pragma: no-cache");
+    // Larger bodies would otherwise wait for a "100 Continue" first.
+    if (!hasExpect) appendHeader(t, "Expect:");
+    curl_easy_setopt(e, CURLOPT_HTTPHEADER, t.headers);
+    return std::nullopt;
+  }
+
+  static void appendHeader(Transfer& t, const std::string& line) {
+    if (curl_slist* grown = curl_slist_append(t.headers, line.c_str())) t.headers = grown;
+  }
+
+  void collectFinished(CURLM* multi, ActiveMap& active) {
+    int left = 0;
+    while (CURLMsg* message = curl_multi_info_read(multi, &left)) {
+      if (message->msg != CURLMSG_DONE) continue;
+      auto it = active.find(message->easy_handle);
+      if (it == active.end()) continue;
+      const CURLcode result = message->data.result;  // read before the handle is removed
+      std::unique_ptr<Transfer> transfer = std::move(it->second);
+      active.erase(it);
+      curl_multi_remove_handle(multi, transfer->easy);
+      finish(*transfer, result);
+    }
+  }
+
+  void finish(Transfer& t, CURLcode result) {
+    if (result != CURLE_OK) {
+      long osErrno = 0;
+      curl_easy_getinfo(t.easy, CURLINFO_OS_ERRNO, &osErrno);
+      HttpError error = t.bodyRefused ? otherError("The response is too large.")
+                                      : errorFor(result, osErrno, t.errorText);
+      deliver(t.completion, *log_, std::nullopt, std::nullopt, std::move(error));
+      return;
+    }
+    long status = 0;
+    curl_easy_getinfo(t.easy, CURLINFO_RESPONSE_CODE, &status);
+    char* effectiveUrl = nullptr;
+    curl_easy_getinfo(t.easy, CURLINFO_EFFECTIVE_URL, &effectiveUrl);
+    t.response.statusCode = status;
+    t.response.url = effectiveUrl ? effectiveUrl : "";
+    deliver(t.completion, *log_, std::move(t.body), std::move(t.response), std::nullopt);
+  }
+
+  void cancelAll(CURLM* multi, ActiveMap& active, std::deque<Job> jobs) {
+    for (auto& [easy, transfer] : active) {
+      curl_multi_remove_handle(multi, easy);
+      deliver(transfer->completion, *log_, std::nullopt, std::nullopt,
+              transportError(HttpError::Code::Cancelled));
+    }
+    active.clear();
+    // Completions may send again; those requests are cancelled too, until
+    // nothing more arrives and later sends are refused at once.
+    for (;;) {
+      for (auto& job : jobs) {
+        deliver(job.completion, *log_, std::nullopt, std::nullopt,
+                transportError(HttpError::Code::Cancelled));
+      }
+      jobs.clear();
+      std::lock_guard lock(mutex_);
+      if (incoming_.empty()) {
+        closed_ = true;
+        return;
+      }
+      jobs.swap(incoming_);
+    }
+  }
+
+  std::shared_ptr<Log> log_;
+  const ExtraTrust trust_;
+  std::mutex mutex_;
+  CURLM* multi_ = nullptr;    // guarded by mutex_ except in run(), see there
+  std::deque<Job> incoming_;  // guarded by mutex_
+  bool stopping_ = false;     // guarded by mutex_
+  bool closed_ = false;       // guarded by mutex_
+  std::thread thread_;        // guarded by mutex_
+};
+
+// Owned by the platform; the engine outlives it while its thread winds down.
+class CurlHttpClient final : public HttpClient {
+ public:
+  explicit CurlHttpClient(std::shared_ptr<CurlEngine> engine) : engine_(std::move(engine)) {}
+  ~CurlHttpClient() override { engine_->shutdown(); }
+  CurlHttpClient(const CurlHttpClient&) = delete;
+  CurlHttpClient& operator=(const CurlHttpClient&) = delete;
+
+  void send(HttpRequest request, Completion completion) override {
+    engine_->submit(Job{std::move(request), std::move(completion)});
+  }
+
+ private:
+  std::shared_ptr<CurlEngine> engine_;
+};
+
+}  // namespace
+
+std::shared_ptr<HttpClient> makeCurlHttpClient(const std::string& caFile,
+                                               std::shared_ptr<Log> log) {
+  static std::once_flag once;
+  std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+  if (!log) log = makeStderrLog();
+  return std::make_shared<CurlHttpClient>(std::make_shared<CurlEngine>(caFile, std::move(log)));
+}
+
+}  // namespace qs

@@ -1,0 +1,340 @@
+// The persistent key/value store on Linux: one SQLite file in WAL mode with
+// every persisted value cached in memory, so reads never touch the file.
+//
+// Durability: each setObject commits its own transaction before it returns.
+// With WAL and synchronous=NORMAL the commit sits in the WAL file before the
+// call returns, so it survives a crash or SIGKILL of the host process; it can
+// be lost to a power cut or kernel crash until the next checkpoint, which
+// synchronize() forces (the checkpoint syncs the WAL and the database file).
+#include <sqlite3.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <shared_mutex>
+#include <string>
+#include <utility>
+#include <variant>
+
+#include <fmt/format.h>
+
+#include "quarrystone/LinuxPlatform.h"
+
+namespace qs {
+
+namespace {
+
+// Written into the file header: marks the file as ours and names the layout.
+constexpr int kApplicationId = 0x51534B56;  // "QSKV"
+constexpr int kSchemaVersion = 1;
+constexpr int kBusyTimeoutMs = 5000;
+
+struct DbCloser {
+  void operator()(sqlite3* db) const { sqlite3_close_v2(db); }
+};
+struct StmtFinalizer {
+  void operator()(sqlite3_stmt* stmt) const { sqlite3_finalize(stmt); }
+};
+using DbHandle = std::unique_ptr<sqlite3, DbCloser>;
+using StmtHandle = std::unique_ptr<sqlite3_stmt, StmtFinalizer>;
+
+// Why a file could not be used. Corrupt files (and foreign ones at our path)
+// are set aside and replaced; anything else leaves the file alone.
+struct OpenError {
+  enum class Kind { Corrupt, Unusable } kind;
+  std::string message;
+};
+
+struct OpenedStore {
+  DbHandle db;
+  std::map<std::string, Value> values;
+};
+
+bool isCorruption(int rc) {
+  int primary = rc & 0xff;
+  return primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB;
+}
+
+OpenError errorFrom(sqlite3* db, int rc, const char* step) {
+  std::string detail = db != nullptr ? sqlite3_errmsg(db) : sqlite3_errstr(rc);
+  return OpenError{isCorruption(rc) ? OpenError::Kind::Corrupt : OpenError::Kind::Unusable,
+                   fmt::format("{}: {}", step, detail)};
+}
+
+std::variant<StmtHandle, OpenError> prepare(sqlite3* db, const char* sql) {
+  sqlite3_stmt* raw = nullptr;
+  int rc = sqlite3_prepare_v2(db, sql, -1, &raw, nullptr);
+  StmtHandle stmt(raw);
+  if (rc != SQLITE_OK) return errorFrom(db, rc, sql);
+  return stmt;
+}
+
+// Runs a statement that yields at most one row and returns its first column
+// as text ("" when there is no row).
+std::variant<std::string, OpenError> queryText(sqlite3* db, const char* sql) {
+  auto prepared = prepare(db, sql);
+  if (auto* error = std::get_if<OpenError>(&prepared)) return *error;
+  sqlite3_stmt* stmt = std::get<StmtHandle>(prepared).get();
+  int rc = sqlite3_step(stmt);
+  if (rc == SQLITE_DONE) return std::string();
+  if (rc != SQLITE_ROW) return errorFrom(db, rc, sql);
+  const unsigned char* text = sqlite3_column_text(stmt, 0);
+  return std::string(text != nullptr ? reinterpret_cast<const char*>(text) : "");
+}
+
+std::optional<OpenError> exec(sqlite3* db, const char* sql) {
+  int rc = sqlite3_exec(db, sql, nullptr, nullptr, nullptr);
+  if (rc != SQLITE_OK) return errorFrom(db, rc, sql);
+  return std::nullopt;
+}
+
+// Creates the schema in an empty file, or checks that a file already holds
+// ours. Several processes may race here; the immediate transaction makes one
+// of them create and the others find it made.
+std::optional<OpenError> ensureSchema(sqlite3* db) {
+  if (auto error = exec(db, "BEGIN IMMEDIATE")) return error;
+  auto finish = [db](std::optional<OpenError> error) -> std::optional<OpenError> {
+    if (error) {
+      sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
+      return error;
+    }
+    int rc = sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr);
+    if (rc != SQLITE_OK) return errorFrom(db, rc, "COMMIT");
+    return std::nullopt;
+  };
+  auto appId = queryText(db, "PRAGMA application_id");
+  if (auto* error = std::get_if<OpenError>(&appId)) return finish(*error);
+  auto version = queryText(db, "PRAGMA user_version");
+  if (auto* error = std::get_if<OpenError>(&version)) return finish(*error);
+  auto others = queryText(db, "SELECT count(*) FROM sqlite_master WHERE name <> 'entries'");
+  if (auto* error = std::get_if<OpenError>(&others)) return finish(*error);
+
+  int id = std::atoi(std::get<std::string>(appId).c_str());
+  int schema = std::atoi(std::get<std::string>(version).c_str());
+  if (id == 0 && schema == 0 && std::get<std::string>(others) == "0") {
+    std::string create = fmt::format(
+        "CREATE TABLE IF NOT EXISTS entries (key TEXT PRIMARY KEY NOT NULL, value BLOB NOT NULL);"
+        "PRAGMA application_id = {}; PRAGMA user_version = {};",
+        kApplicationId, kSchemaVersion);
+    return finish(exec(db, create.c_str()));
+  }
+  if (id != kApplicationId) {
+    return finish(OpenError{OpenError::Kind::Corrupt, "the file is not a Quarrystone store"});
+  }
+  if (schema > kSchemaVersion) {
+    // Written by a newer release: leave it untouched for that release.
+    return finish(
+        OpenError{OpenError::Kind::Unusable,
+                  fmt::format("schema version {} is newer than {}", schema, kSchemaVersion)});
+  }
+  return finish(std::nullopt);
+}
+
+std::variant<OpenedStore, OpenError> openFile(const std::string& path, Log& log) {
+  std::error_code ec;
+  std::filesystem::path parent = std::filesystem::path(path).parent_path();
+  if (!parent.empty()) std::filesystem::create_directories(parent, ec);
+
+  sqlite3* raw = nullptr;
+  int rc =
+      sqlite3_open_v2(path.c_str(), &raw,
+                      SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
+  DbHandle db(raw);
+  if (rc != SQLITE_OK) return errorFrom(db.get(), rc, "open");
+  sqlite3_busy_timeout(db.get(), kBusyTimeoutMs);
+
+  auto mode = queryText(db.get(), "PRAGMA journal_mode=WAL");
+  if (auto* error = std::get_if<OpenError>(&mode)) return *error;
+  if (std::get<std::string>(mode) != "wal") {
+    return OpenError{OpenError::Kind::Unusable, "the file cannot be put in WAL mode"};
+  }
+  if (auto error = exec(db.get(), "PRAGMA synchronous=NORMAL")) return *error;
+  auto check = queryText(db.get(), "PRAGMA quick_check");
+  if (auto* error = std::get_if<OpenError>(&check)) return *error;
+  if (std::get<std::string>(check) != "ok") {
+    return OpenError{OpenError::Kind::Corrupt, "integrity check: " + std::get<std::string>(check)};
+  }
+  if (auto error = ensureSchema(db.get())) return *error;
+
+  OpenedStore opened;
+  auto prepared = prepare(db.get(), "SELECT key, value FROM entries");
+  if (auto* error = std::get_if<OpenError>(&prepared)) return *error;
+  sqlite3_stmt* stmt = std::get<StmtHandle>(prepared).get();
+  while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
+    const unsigned char* keyText = sqlite3_column_text(stmt, 0);
+    std::string key(keyText != nullptr ? reinterpret_cast<const char*>(keyText) : "");
+    const auto* blob = static_cast<const std::uint8_t*>(sqlite3_column_blob(stmt, 1));
+    Bytes bytes(blob, blob + sqlite3_column_bytes(stmt, 1));
+    Value value = Value::from_cbor(bytes, /*strict=*/true, /*allow_exceptions=*/false);
+    if (value.is_discarded()) {
+      log.write(
+          fmt::format("Store value for key \"{}\" cannot be decoded; it reads as absent", key));
+      continue;
+    }
+    opened.values.insert_or_assign(std::move(key), std::move(value));
+  }
+  if (rc != SQLITE_DONE) return errorFrom(db.get(), rc, "load");
+  opened.db = std::move(db);
+  return opened;
+}
+
+// Moves a damaged store (and its WAL) out of the way under a name that says
+// what happened. Returns the new name, or nullopt if the file cannot move.
+std::optional<std::string> setAside(const std::string& path) {
+  std::string base = fmt::format("{}.corrupt-{}", path, static_cast<long long>(std::time(nullptr)));
+  std::string aside = base;
+  std::error_code ec;
+  for (int n = 2; std::filesystem::exists(aside, ec); ++n) aside = fmt::format("{}-{}", base, n);
+  std::filesystem::rename(path, aside, ec);
+  if (ec && std::filesystem::exists(path)) return std::nullopt;
+  for (const char* suffix : {"-wal", "-journal"}) {
+    std::error_code ignored;
+    if (std::filesystem::exists(path + suffix, ignored)) {
+      std::filesystem::rename(path + suffix, aside + suffix, ignored);
+    }
+  }
+  std::error_code ignored;
+  std::filesystem::remove(path + "-shm", ignored);
+  return aside;
+}
+
+// Thread contract: every operation may be called from any thread. Reads take
+// a shared lock on the cache only; writers are serialised by writeMutex_,
+// which also guards the connection, so the file sees writes in cache order.
+class SqliteKeyValueStore final : public KeyValueStore {
+ public:
+  // `db` null: the store lives in memory only.
+  SqliteKeyValueStore(std::shared_ptr<Log> log, DbHandle db, std::map<std::string, Value> values)
+      : log_(std::move(log)), db_(std::move(db)), persisted_(std::move(values)) {}
+
+  std::optional<Value> objectForKey(const std::string& key) override {
+    std::shared_lock lock(cacheMutex_);
+    if (auto it = persisted_.find(key); it != persisted_.end()) return it->second;
+    if (auto it = defaults_.find(key); it != defaults_.end()) return it->second;
+    return std::nullopt;
+  }
+
+  void setObject(const std::string& key, std::optional<Value> value) override {
+    std::optional<Bytes> encoded;
+    if (value) {
+      try {
+        encoded = Value::to_cbor(*value);
+      } catch (const std::exception& e) {
+        log_->write(fmt::format("Store cannot encode the value for key \"{}\": {}", key, e.what()));
+        return;
+      }
+    }
+    std::lock_guard writeLock(writeMutex_);
+    {
+      std::unique_lock cacheLock(cacheMutex_);
+      if (value) {
+        persisted_.insert_or_assign(key, std::move(*value));
+      } else {
+        persisted_.erase(key);
+      }
+    }
+    changes_.fetch_add(1, std::memory_order_relaxed);
+    if (db_) writeRow(key, encoded);
+  }
+
+  void registerDefaults(const Value& defaults) override {
+    if (!defaults.is_object()) return;
+    {
+      std::unique_lock cacheLock(cacheMutex_);
+      for (const auto& [key, value] : defaults.items()) defaults_.insert_or_assign(key, value);
+    }
+    changes_.fetch_add(1, std::memory_order_relaxed);
+  }
+
+  bool synchronize() override {
+    std::lock_guard writeLock(writeMutex_);
+    if (!db_) return false;
+    int rc =
+        sqlite3_wal_checkpoint_v2(db_.get(), nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+    if (rc != SQLITE_OK) {
+      log_->write(fmt::format("Store checkpoint failed: {}", sqlite3_errmsg(db_.get())));
+      return false;
+    }
+    return true;
+  }
+
+  std::uint64_t changeCount() const override { return changes_.load(std::memory_order_relaxed); }
+
+ private:
+  // REQUIRES: writeMutex_ held. A failed write is logged; the value stays in
+  // the cache, so this process keeps seeing it.
+  void writeRow(const std::string& key, const std::optional<Bytes>& encoded) {
+    sqlite3_stmt* stmt = encoded
+                             ? statement(upsert_, "INSERT OR REPLACE INTO entries VALUES (?, ?)")
+                             : statement(erase_, "DELETE FROM entries WHERE key = ?");
+    if (stmt == nullptr) return;
+    sqlite3_bind_text(stmt, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
+    if (encoded) {
+      sqlite3_bind_blob(stmt, 2, encoded->data(), static_cast<int>(encoded->size()), SQLITE_STATIC);
+    }
+    int rc = sqlite3_step(stmt);
+    if (rc != SQLITE_DONE) {
+      log_->write(
+          fmt::format("Store write for key \"{}\" failed: {}", key, sqlite3_errmsg(db_.get())));
+    }
+    sqlite3_reset(stmt);
+    sqlite3_clear_bindings(stmt);
+  }
+
+  // REQUIRES: writeMutex_ held. Prepares `slot` on first use.
+  sqlite3_stmt* statement(StmtHandle& slot, const char* sql) {
+    if (!slot) {
+      auto prepared = prepare(db_.get(), sql);
+      if (auto* error = std::get_if<OpenError>(&prepared)) {
+        log_->write(fmt::format("Store cannot prepare a write: {}", error->message));
+        return nullptr;
+      }
+      slot = std::move(std::get<StmtHandle>(prepared));
+    }
+    return slot.get();
+  }
+
+  std::shared_ptr<Log> log_;
+  std::mutex writeMutex_;
+  DbHandle db_;        // guarded by writeMutex_; null when in memory only
+  StmtHandle upsert_;  // guarded by writeMutex_
+  StmtHandle erase_;   // guarded by writeMutex_
+  std::shared_mutex cacheMutex_;
+  std::map<std::string, Value> persisted_;  // guarded by cacheMutex_
+  std::map<std::string, Value> defaults_;   // guarded by cacheMutex_
+  std::atomic<std::uint64_t> changes_{0};
+};
+
+}  // namespace
+
+std::shared_ptr<KeyValueStore> openSqliteStore(const std::string& path, std::shared_ptr<Log> log) {
+  if (!log) log = makeStderrLog();
+  auto opened = openFile(path, *log);
+  if (auto* error = std::get_if<OpenError>(&opened);
+      error && error->kind == OpenError::Kind::Corrupt) {
+    auto aside = setAside(path);
+    if (aside) {
+      log->write(fmt::format("Store file {} is damaged ({}); set aside as {}, starting empty", path,
+                             error->message, *aside));
+      opened = openFile(path, *log);
+    } else {
+      log->write(fmt::format("Store file {} is damaged ({}) and cannot be moved aside", path,
+                             error->message));
+    }
+  }
+  if (auto* store = std::get_if<OpenedStore>(&opened)) {
+    return std::make_shared<SqliteKeyValueStore>(std::move(log), std::move(store->db),
+                                                 std::move(store->values));
+  }
+  log->write(fmt::format("Store file {} cannot be used ({}); values are kept in memory only", path,
+                         std::get<OpenError>(opened).message));
+  return std::make_shared<SqliteKeyValueStore>(std::move(log), nullptr,
+                                               std::map<std::string, Value>{});
+}
+
+}  // namespace qs

@@ -1,0 +1,203 @@
+// The SQLite store's own promises: persistence across opens, recovery from
+// damaged files, and integrity when a writer process is killed or two write.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sqlite3.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <random>
+
+#include "platform/fake/FakePlatform.h"
+#include "quarrystone/LinuxPlatform.h"
+
+namespace qs {
+namespace {
+
+namespace fs = std::filesystem;
+
+class SqliteStore : public testing::Test {
+ protected:
+  SqliteStore() {
+    std::string pattern = testing::TempDir() + "qs-store-XXXXXX";
+    dir_ = mkdtemp(pattern.data());
+    path_ = dir_ + "/nested/dir/store.sqlite";
+  }
+  ~SqliteStore() override { fs::remove_all(dir_); }
+
+  std::shared_ptr<KeyValueStore> open() { return openSqliteStore(path_, log_); }
+
+  std::size_t setAsideCount() const {
+    std::size_t n = 0;
+    for (const auto& entry : fs::directory_iterator(fs::path(path_).parent_path())) {
+      std::string name = entry.path().filename();
+      if (name.find(".corrupt-") != std::string::npos && !name.ends_with("-wal")) ++n;
+    }
+    return n;
+  }
+
+  std::string integrityCheck() const {
+    sqlite3* db = nullptr;
+    std::string result = "cannot open";
+    if (sqlite3_open_v2(path_.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {
+      sqlite3_stmt* stmt = nullptr;
+      sqlite3_prepare_v2(db, "PRAGMA integrity_check", -1, &stmt, nullptr);
+      result = sqlite3_step(stmt) == SQLITE_ROW
+                   ? reinterpret_cast<const char*>(sqlite3_column_text(stmt, 0))
+                   : sqlite3_errmsg(db);
+      sqlite3_finalize(stmt);
+    }
+    sqlite3_close(db);
+    return result;
+  }
+
+  std::string dir_, path_;
+  std::shared_ptr<fake::FakeLog> log_ = std::make_shared<fake::FakeLog>();
+};
+
+TEST_F(SqliteStore, ReopenKeepsPersistedValuesButNotDefaults) {
+  {
+    auto store = open();
+    store->setObject("sid", Value("abc"));
+    store->setObject("cookie", Value::array({Value::binary({1, 2, 3})}));
+    store->setObject("gone", Value(1));
+    store->setObject("gone", std::nullopt);
+    store->registerDefaults(Value{{"UserAgent", "ua"}});
+  }
+  auto store = open();
+  EXPECT_EQ(store->objectForKey("sid"), Value("abc"));
+  EXPECT_EQ(store->objectForKey("cookie")->at(0).get_binary(),
+            (Value::binary_t(std::vector<std::uint8_t>{1, 2, 3})));
+  EXPECT_FALSE(store->objectForKey("gone"));
+  EXPECT_FALSE(store->objectForKey("UserAgent"));
+  EXPECT_TRUE(log_->lines().empty());
+}
+
+TEST_F(SqliteStore, DamagedFilesAreLoggedSetAsideAndReplaced) {
+  // Garbage bytes, then a real store cut short.
+  fs::create_directories(fs::path(path_).parent_path());
+  std::ofstream(path_) << std::string(5000, '\x5a');
+  auto store = open();
+  EXPECT_TRUE(log_->contains("set aside"));
+  EXPECT_EQ(setAsideCount(), 1u);
+  for (int i = 0; i < 200; ++i)
+    store->setObject("k" + std::to_string(i), Value(std::string(500, 'v')));
+  EXPECT_TRUE(store->synchronize());
+  store.reset();
+  fs::resize_file(path_, 3 * 4096);
+  fs::remove(path_ + "-wal");
+
+  log_->clear();
+  store = open();
+  EXPECT_TRUE(log_->contains("set aside"));
+  EXPECT_EQ(setAsideCount(), 2u);
+  EXPECT_FALSE(store->objectForKey("k0"));
+  store->setObject("after", Value(1));
+  store.reset();
+  EXPECT_EQ(open()->objectForKey("after"), Value(1));
+  EXPECT_EQ(integrityCheck(), "ok");
+}
+
+TEST_F(SqliteStore, UndecodableValueReadsAsAbsentAndUnusablePathFallsBackToMemory) {
+  open()->setObject("good", Value(1));
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open(path_.c_str(), &db), SQLITE_OK);
+  ASSERT_EQ(
+      sqlite3_exec(db, "INSERT INTO entries VALUES ('bad', x'ff00ff')", nullptr, nullptr, nullptr),
+      SQLITE_OK);
+  sqlite3_close(db);
+  auto store = open();
+  EXPECT_FALSE(store->objectForKey("bad"));
+  EXPECT_EQ(store->objectForKey("good"), Value(1));
+  EXPECT_TRUE(log_->contains("\"bad\""));
+
+  // A parent "directory" that is a regular file: nothing can be created.
+  std::ofstream(dir_ + "/file") << "x";
+  log_->clear();
+  auto memory = openSqliteStore(dir_ + "/file/store.sqlite", log_);
+  EXPECT_TRUE(log_->contains("in memory only"));
+  memory->setObject("k", Value("v"));
+  EXPECT_EQ(memory->objectForKey("k"), Value("v"));
+  EXPECT_FALSE(memory->synchronize());
+}
+
+// A child process writes numbered keys and acknowledges each completed write
+// through a pipe; it is killed at a random moment. Every acknowledged write
+// must be there and the file must pass SQLite's integrity check.
+TEST_F(SqliteStore, KilledWriterLosesNoAcknowledgedWrite) {
+  std::random_device seedSource;
+  const unsigned seed = seedSource();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  std::mt19937 random(seed);
+  int next = 0;
+  for (int round = 0; round < 6; ++round) {
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+      close(fds[0]);
+      auto store = openSqliteStore(path_, std::make_shared<fake::FakeLog>());
+      for (int i = next; i < next + 100000; ++i) {
+        store->setObject("k" + std::to_string(i), Value{{"i", i}, {"pad", std::string(300, 'p')}});
+        if (write(fds[1], &i, sizeof i) != sizeof i) _exit(2);
+      }
+      _exit(0);
+    }
+    close(fds[1]);
+    int acknowledged = next - 1, value = 0;
+    const int killAfter = std::uniform_int_distribution<int>(1, 400)(random);
+    for (int n = 0; n < killAfter && read(fds[0], &value, sizeof value) == sizeof value; ++n) {
+      acknowledged = value;
+    }
+    kill(child, SIGKILL);
+    while (read(fds[0], &value, sizeof value) == sizeof value) acknowledged = value;
+    close(fds[0]);
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFSIGNALED(status)) << "writer ended on its own, status " << status;
+
+    ASSERT_EQ(integrityCheck(), "ok") << "round " << round;
+    auto store = open();
+    for (int i = 0; i <= acknowledged; ++i) {
+      auto stored = store->objectForKey("k" + std::to_string(i));
+      ASSERT_TRUE(stored && stored->at("i") == i) << "round " << round << ", key " << i;
+    }
+    next = acknowledged + 1;
+  }
+  EXPECT_FALSE(log_->contains("set aside"));
+}
+
+TEST_F(SqliteStore, TwoProcessesWriteTheSameFile) {
+  constexpr int kWrites = 300;
+  pid_t children[2];
+  for (int p = 0; p < 2; ++p) {
+    children[p] = fork();
+    ASSERT_GE(children[p], 0);
+    if (children[p] == 0) {
+      auto log = std::make_shared<fake::FakeLog>();
+      auto store = openSqliteStore(path_, log);
+      for (int i = 0; i < kWrites; ++i) {
+        store->setObject("p" + std::to_string(p) + "-" + std::to_string(i), Value(i));
+      }
+      _exit(log->lines().empty() ? 0 : 1);
+    }
+  }
+  for (pid_t child : children) {
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "a writer logged an error";
+  }
+  auto store = open();
+  for (int p = 0; p < 2; ++p) {
+    for (int i = 0; i < kWrites; ++i) {
+      EXPECT_EQ(store->objectForKey("p" + std::to_string(p) + "-" + std::to_string(i)), Value(i));
+    }
+  }
+}
+
+}  // namespace
+}  // namespace qs

@@ -1,0 +1,259 @@
+// The main loop on a GLib main context: either the host's (which the host
+// iterates on its main thread) or one the library runs on a thread it owns.
+//
+// Dispatched functions and timers are GSources that become ready at a
+// monotonic time (now for dispatches), so an idle loop has no source that
+// wakes it. Sources of equal priority that are ready together run in the
+// order they were attached, which keeps dispatches first-in, first-out.
+#include <glib.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "quarrystone/LinuxPlatform.h"
+
+namespace qs {
+
+namespace {
+
+// State the sources share with the adapter; outlives the adapter while a
+// source still refers to it.
+struct LoopState {
+  explicit LoopState(std::thread::id thread) : mainThread(thread) {}
+  // False once the adapter is gone: later dispatches are dropped.
+  std::atomic<bool> alive{true};
+  // The thread that last ran one of our sources (at first, the creator's).
+  std::atomic<std::thread::id> mainThread;
+};
+
+void runGuarded(const std::function<void()>& fn) {
+  // An exception cannot cross GLib's C frames; the function owns its failure.
+  try {
+    fn();
+  } catch (...) {
+  }
+}
+
+gboolean dispatchCallback(GSource* /*source*/, GSourceFunc callback, gpointer data) {
+  return callback != nullptr ? callback(data) : G_SOURCE_REMOVE;
+}
+
+GSourceFuncs kCallSourceFuncs = {nullptr, nullptr, dispatchCallback, nullptr, nullptr, nullptr};
+
+// A source that runs once at `readyTimeUs` (monotonic microseconds; 0 = now).
+// Caller owns the returned reference.
+GSource* newCallSource(gint64 readyTimeUs, GSourceFunc callback, gpointer data,
+                       GDestroyNotify destroy) {
+  GSource* source = g_source_new(&kCallSourceFuncs, sizeof(GSource));
+  g_source_set_priority(source, G_PRIORITY_DEFAULT);
+  g_source_set_ready_time(source, readyTimeUs);
+  g_source_set_callback(source, callback, data, destroy);
+  return source;
+}
+
+// Monotonic time `seconds` from now: non-positive or NaN is now (0); an
+// interval beyond any useful range (about 146,000 years, or infinite) is
+// never (-1), which keeps GLib's own timeout arithmetic from overflowing.
+gint64 readyTimeAfter(double seconds) {
+  if (!(seconds > 0)) return 0;
+  gint64 now = g_get_monotonic_time();
+  double micros = seconds * 1e6;
+  if (micros >= static_cast<double>(G_MAXINT64 / 2 - now)) return -1;
+  return now + static_cast<gint64>(micros);
+}
+
+struct DispatchCall {
+  std::shared_ptr<LoopState> state;
+  std::function<void()> fn;
+};
+
+gboolean runDispatch(gpointer data) {
+  auto* call = static_cast<DispatchCall*>(data);
+  if (call->state->alive.load()) {
+    call->state->mainThread.store(std::this_thread::get_id());
+    runGuarded(call->fn);
+  }
+  return G_SOURCE_REMOVE;
+}
+
+void deleteDispatch(gpointer data) { delete static_cast<DispatchCall*>(data); }
+
+// A one-shot timer. Thread contract: isValid/invalidate from any thread; the
+// function runs on the loop's thread, and never starts once invalidate() has
+// returned (both sides decide under mutex_).
+class GlibTimer final : public Timer {
+ public:
+  GlibTimer(std::shared_ptr<LoopState> state, std::function<void()> fn)
+      : state_(std::move(state)), fn_(std::move(fn)) {}
+  ~GlibTimer() override {
+    if (source_ != nullptr) g_source_unref(source_);
+  }
+
+  bool isValid() const override {
+    std::lock_guard lock(mutex_);
+    return valid_;
+  }
+
+  void invalidate() override {
+    std::function<void()> dropped;
+    GSource* source = nullptr;
+    {
+      std::lock_guard lock(mutex_);
+      valid_ = false;
+      dropped = std::move(fn_);
+      source = std::exchange(source_, nullptr);
+    }
+    if (source != nullptr) {
+      g_source_destroy(source);
+      g_source_unref(source);
+    }
+  }
+
+  // Takes over the caller's reference to the source that fires this timer.
+  void adopt(GSource* source) {
+    std::lock_guard lock(mutex_);
+    source_ = source;
+  }
+
+  // Runs on the loop's thread. The timer stops being valid as it fires.
+  void fire() {
+    std::function<void()> fn;
+    GSource* source = nullptr;
+    {
+      std::lock_guard lock(mutex_);
+      if (!valid_) return;
+      valid_ = false;
+      fn = std::move(fn_);
+      source = std::exchange(source_, nullptr);
+    }
+    if (source != nullptr) g_source_unref(source);
+    state_->mainThread.store(std::this_thread::get_id());
+    runGuarded(fn);
+  }
+
+ private:
+  std::shared_ptr<LoopState> state_;
+  mutable std::mutex mutex_;
+  bool valid_ = true;          // guarded by mutex_
+  std::function<void()> fn_;   // guarded by mutex_
+  GSource* source_ = nullptr;  // guarded by mutex_; our reference
+};
+
+// The source holds the timer strongly, so a timer the caller drops still fires.
+gboolean runTimer(gpointer data) {
+  (*static_cast<std::shared_ptr<GlibTimer>*>(data))->fire();
+  return G_SOURCE_REMOVE;
+}
+
+void deleteTimerRef(gpointer data) { delete static_cast<std::shared_ptr<GlibTimer>*>(data); }
+
+gboolean quitLoop(gpointer loop) {
+  g_main_loop_quit(static_cast<GMainLoop*>(loop));
+  return G_SOURCE_REMOVE;
+}
+
+void unrefLoop(gpointer loop) { g_main_loop_unref(static_cast<GMainLoop*>(loop)); }
+
+// Thread contract: every member may be called from any thread. On
+// destruction pending dispatches are dropped and pending timers invalidated;
+// an owned loop thread is stopped and joined (detached if the last reference
+// goes away on that very thread).
+class GlibMainLoop final : public MainLoop {
+ public:
+  explicit GlibMainLoop(GMainContext* hostContext) {
+    if (hostContext != nullptr) {
+      context_ = g_main_context_ref(hostContext);
+      state_ = std::make_shared<LoopState>(std::this_thread::get_id());
+      return;
+    }
+    context_ = g_main_context_new();
+    loop_ = g_main_loop_new(context_, FALSE);
+    GMainContext* context = g_main_context_ref(context_);
+    GMainLoop* loop = g_main_loop_ref(loop_);
+    thread_ = std::thread([context, loop] {
+      g_main_context_push_thread_default(context);
+      g_main_loop_run(loop);
+      g_main_context_pop_thread_default(context);
+      g_main_loop_unref(loop);
+      g_main_context_unref(context);
+    });
+    state_ = std::make_shared<LoopState>(thread_.get_id());
+  }
+
+  ~GlibMainLoop() override {
+    state_->alive.store(false);
+    std::vector<std::weak_ptr<GlibTimer>> timers;
+    {
+      std::lock_guard lock(timersMutex_);
+      timers.swap(timers_);
+    }
+    for (const auto& weak : timers) {
+      if (auto timer = weak.lock()) timer->invalidate();
+    }
+    if (thread_.joinable()) {
+      if (std::this_thread::get_id() == thread_.get_id()) {
+        g_main_loop_quit(loop_);
+        thread_.detach();
+      } else {
+        // Quitting from inside the loop cannot be lost to a loop not yet running.
+        GSource* quit = newCallSource(0, quitLoop, g_main_loop_ref(loop_), unrefLoop);
+        g_source_set_priority(quit, G_PRIORITY_HIGH);
+        g_source_attach(quit, context_);
+        g_source_unref(quit);
+        thread_.join();
+      }
+    }
+    if (loop_ != nullptr) g_main_loop_unref(loop_);
+    g_main_context_unref(context_);
+  }
+
+  void dispatchAsync(std::function<void()> fn) override {
+    auto* call = new DispatchCall{state_, std::move(fn)};
+    GSource* source = newCallSource(0, runDispatch, call, deleteDispatch);
+    g_source_attach(source, context_);
+    g_source_unref(source);
+  }
+
+  std::shared_ptr<Timer> scheduleTimer(double seconds, std::function<void()> fn) override {
+    auto timer = std::make_shared<GlibTimer>(state_, std::move(fn));
+    GSource* source = newCallSource(readyTimeAfter(seconds), runTimer,
+                                    new std::shared_ptr<GlibTimer>(timer), deleteTimerRef);
+    timer->adopt(source);
+    {
+      std::lock_guard lock(timersMutex_);
+      std::erase_if(timers_, [](const auto& weak) { return weak.expired(); });
+      timers_.push_back(timer);
+    }
+    g_source_attach(source, context_);
+    return timer;
+  }
+
+  bool isMainThread() const override {
+    if (thread_.joinable()) return std::this_thread::get_id() == state_->mainThread.load();
+    return g_main_context_is_owner(context_) ||
+           std::this_thread::get_id() == state_->mainThread.load();
+  }
+
+ private:
+  GMainContext* context_ = nullptr;  // our reference
+  GMainLoop* loop_ = nullptr;        // our reference; only when we own the thread
+  std::thread thread_;               // only when we own the thread
+  std::shared_ptr<LoopState> state_;
+  std::mutex timersMutex_;
+  std::vector<std::weak_ptr<GlibTimer>> timers_;  // guarded by timersMutex_
+};
+
+}  // namespace
+
+std::shared_ptr<MainLoop> makeGlibMainLoop(GMainContext* hostContext) {
+  return std::make_shared<GlibMainLoop>(hostContext);
+}
+
+}  // namespace qs
