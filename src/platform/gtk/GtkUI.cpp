@@ -137,6 +137,8 @@ void GtkUI::dismiss(ViewController& controller, bool animated) {
   Presented entry = remove(it);
   if (entry.content) entry.content->close();
   gtk_widget_set_visible(GTK_WIDGET(entry.window), FALSE);
+  // Cut off from its parent now: the parent may be gone before the idle runs.
+  gtk_window_set_transient_for(entry.window, nullptr);
   g_idle_add_full(G_PRIORITY_DEFAULT, destroyRetired,
                   new Retired{entry.window, std::move(entry.controller)}, nullptr);
 }
