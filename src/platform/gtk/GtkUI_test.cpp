@@ -118,13 +118,6 @@ class CountingDelegate final : public QSWebViewDelegate {
   int calls = 0;
 };
 
-std::string base64(const std::string& text) {
-  gchar* encoded = g_base64_encode(reinterpret_cast<const guchar*>(text.data()), text.size());
-  std::string out(encoded);
-  g_free(encoded);
-  return out;
-}
-
 // A host window with the block/captcha controller presented over it.
 class GtkUITest : public ::testing::Test {
  protected:
@@ -149,8 +142,10 @@ class GtkUITest : public ::testing::Test {
         [] { return std::string("https://collector-APP.qs.test/api/v1/collector/mobile"); },
         [](const std::string&) {});
     controller->setDelegate(delegate);
+    gchar* page = g_base64_encode(reinterpret_cast<const guchar*>(html.data()), html.size());
     controller->setBlockResponse(
-        std::make_shared<QSBlockResponse>(Value{{"action", action}, {"page", base64(html)}}));
+        std::make_shared<QSBlockResponse>(Value{{"action", action}, {"page", page}}));
+    g_free(page);
     fake.ui->present(controller, *host, true);
     auto* view = dynamic_cast<GtkWebView*>(controller->webview().get());
     ASSERT_NE(view, nullptr);
@@ -223,21 +218,16 @@ TEST_F(GtkUITest, BlockPageIsRenderedAndClosingItRestoresTheUserAgent) {
            gtk_widget_get_width(GTK_WIDGET(webView)) > 0;
   }));
 
-  GdkTexture* snapshot = nullptr;
-  bool finished = false;
-  struct Result {
-    GdkTexture** texture;
-    bool* finished;
-  } result{&snapshot, &finished};
+  std::pair<bool, GdkTexture*> shot{false, nullptr};  // finished, texture
   webkit_web_view_get_snapshot(
       webView, WEBKIT_SNAPSHOT_REGION_VISIBLE, WEBKIT_SNAPSHOT_OPTIONS_NONE, nullptr,
       [](GObject* source, GAsyncResult* res, gpointer data) {
-        auto* r = static_cast<Result*>(data);
-        *r->texture = webkit_web_view_get_snapshot_finish(WEBKIT_WEB_VIEW(source), res, nullptr);
-        *r->finished = true;
+        auto* out = static_cast<std::pair<bool, GdkTexture*>*>(data);
+        *out = {true, webkit_web_view_get_snapshot_finish(WEBKIT_WEB_VIEW(source), res, nullptr)};
       },
-      &result);
-  ASSERT_TRUE(iterateUntil([&] { return finished; }));
+      &shot);
+  ASSERT_TRUE(iterateUntil([&] { return shot.first; }));
+  GdkTexture* snapshot = shot.second;
   ASSERT_NE(snapshot, nullptr);
   auto dir = std::filesystem::current_path() / "gtk-artifacts";
   std::filesystem::create_directories(dir);
