@@ -6,7 +6,6 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -52,16 +51,12 @@ class DisplayEnvironment final : public ::testing::Environment {
       startXvfb();
     }
     setenv("GDK_BACKEND", "x11", 1);
+    // Software GL would only slow the tests down and run unchecked threads.
+    setenv("GSK_RENDERER", "cairo", 0);
     ASSERT_TRUE(gtk_init_check()) << "no usable display";
     // A critical message is a programming error somewhere in the toolkit's
     // use: stop the test there.
     g_log_set_always_fatal(static_cast<GLogLevelFlags>(G_LOG_FATAL_MASK | G_LOG_LEVEL_CRITICAL));
-  }
-  void TearDown() override {
-    if (xvfb_ > 0) {
-      kill(xvfb_, SIGTERM);
-      waitpid(xvfb_, nullptr, 0);
-    }
   }
 
  private:
@@ -71,11 +66,11 @@ class DisplayEnvironment final : public ::testing::Environment {
     std::string fd = std::to_string(fds[1]);
     const char* argv[] = {"Xvfb",        "-displayfd", fd.c_str(), "-screen", "0",
                           "1024x768x24", "-nolisten",  "tcp",      nullptr};
-    // Forked before GTK starts any thread. The server goes with this process
-    // even when a sanitizer ends it early.
-    xvfb_ = fork();
-    ASSERT_GE(xvfb_, 0);
-    if (xvfb_ == 0) {
+    // Forked before GTK starts any thread. The server ends with this process
+    // (killing it any earlier makes the toolkit exit on a lost display).
+    pid_t xvfb = fork();
+    ASSERT_GE(xvfb, 0);
+    if (xvfb == 0) {
       close(fds[0]);
       prctl(PR_SET_PDEATHSIG, SIGTERM);
       execvp("Xvfb", const_cast<char**>(argv));
@@ -91,8 +86,6 @@ class DisplayEnvironment final : public ::testing::Environment {
     ASSERT_FALSE(number.empty()) << "Xvfb did not start";
     setenv("DISPLAY", (":" + number).c_str(), 1);
   }
-
-  pid_t xvfb_ = 0;
 };
 
 const auto* const kDisplay = ::testing::AddGlobalTestEnvironment(new DisplayEnvironment);
