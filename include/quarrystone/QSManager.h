@@ -111,10 +111,10 @@ class QS_EXPORT QSManager : public QSWebViewDelegate,
   // Services of this manager's object graph (for the library's own classes).
   const Platform& platform() const { return platform_; }
   const DeploymentSettings& settings() const { return settings_; }
-  QSStorage& storage() const { return *storage_; }
-  QSUtils& utils() const { return *utils_; }
-  QSUUID& uuid() const { return *uuid_; }
-  QSNetworkManager& networkManager() const { return *network_; }
+  const std::shared_ptr<QSStorage>& storage() const { return storage_; }
+  const std::shared_ptr<QSUtils>& utils() const { return utils_; }
+  const std::shared_ptr<QSUUID>& uuid() const { return uuid_; }
+  const std::shared_ptr<QSNetworkManager>& networkManager() const { return network_; }
 
  private:
   QSManager(Platform platform, DeploymentSettings settings);
@@ -123,10 +123,10 @@ class QS_EXPORT QSManager : public QSWebViewDelegate,
 
   const Platform platform_;
   const DeploymentSettings settings_;
-  std::unique_ptr<QSStorage> storage_;
-  std::unique_ptr<QSUUID> uuid_;
-  std::unique_ptr<QSUtils> utils_;
-  std::unique_ptr<QSNetworkManager> network_;
+  std::shared_ptr<QSStorage> storage_;
+  std::shared_ptr<QSUUID> uuid_;
+  std::shared_ptr<QSUtils> utils_;
+  std::shared_ptr<QSNetworkManager> network_;
   std::shared_ptr<QSManagerHelper> managerHelper_;
 
   mutable std::mutex mutex_;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <memory>
 #include <mutex>
 #include <string>
 
@@ -11,11 +12,11 @@ namespace qs {
 // of this object graph (one per process in production). Thread-safe.
 class QSUUID {
  public:
-  explicit QSUUID(DeviceInfo& device) : device_(device) {}
+  explicit QSUUID(std::shared_ptr<DeviceInfo> device) : device_(std::move(device)) {}
   std::string UUID();
 
  private:
-  DeviceInfo& device_;  // weak
+  const std::shared_ptr<DeviceInfo> device_;
   std::once_flag once_;
   std::string uuid_;
 };

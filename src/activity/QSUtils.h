@@ -17,8 +17,7 @@ namespace qs {
 // app activity. Thread-safe: the readings are atomics.
 class QSUtils {
  public:
-  // `platform` and `storage` are weak: they must outlive this object.
-  QSUtils(const Platform& platform, QSStorage& storage);
+  QSUtils(Platform platform, std::shared_ptr<QSStorage> storage);
 
   // The model name for this machine's hardware code (table, then fallbacks).
   std::string deviceModel();
@@ -42,8 +41,8 @@ class QSUtils {
   bool shouldSaveNewCookie(const QSCookie& cookie);
 
  private:
-  const Platform& platform_;  // weak
-  QSStorage& storage_;        // weak
+  const Platform platform_;
+  const std::shared_ptr<QSStorage> storage_;
   std::atomic<double> managerStartDate_{0};
   std::atomic<double> managerExecutionSeconds_{0};
   std::atomic<double> collectorRequestStartDate_{0};

@@ -28,8 +28,8 @@ class QSStorage {
   static constexpr const char* kResumeCounterKey = "QS_RESUME_COUNTER";
   static constexpr const char* kCustomParamsKey = "QS_CUSTOM_PARAMS_KEY";
 
-  // All three are weak: they must outlive this object.
-  QSStorage(KeyValueStore& store, KeyedArchiver& archiver, Log& log);
+  QSStorage(std::shared_ptr<KeyValueStore> store, std::shared_ptr<KeyedArchiver> archiver,
+            std::shared_ptr<Log> log);
 
   std::optional<std::string> getSid();
   void saveSid(const std::optional<std::string>& sid);
@@ -44,14 +44,14 @@ class QSStorage {
   void saveCustomParams(const std::optional<Value>& params);
   bool synchronize();
 
-  KeyValueStore& store() { return store_; }
+  KeyValueStore& store() { return *store_; }
 
  private:
   std::optional<std::string> getString(const char* key);
 
-  KeyValueStore& store_;        // weak
-  KeyedArchiver& archiver_;     // weak
-  Log& log_;                    // weak
+  const std::shared_ptr<KeyValueStore> store_;
+  const std::shared_ptr<KeyedArchiver> archiver_;
+  const std::shared_ptr<Log> log_;
 
   std::mutex cacheMutex_;
   bool cacheValid_ = false;                 // guarded by cacheMutex_

@@ -12,8 +12,7 @@ namespace qs {
 // builds the library's user agent. Thread-safe.
 class QSNetworkManager {
  public:
-  // `platform` is weak: it must outlive this object.
-  explicit QSNetworkManager(const Platform& platform);
+  explicit QSNetworkManager(Platform platform);
 
   // Queues the operation; the queue starts it at once on a worker (no limit
   // is set) and keeps it until it reports finished. Returns without waiting.
@@ -27,7 +26,7 @@ class QSNetworkManager {
   QSOperationQueue& requestsQueue() { return *queue_; }
 
  private:
-  const Platform& platform_;  // weak
+  const Platform platform_;
   std::shared_ptr<QSOperationQueue> queue_;
 };
 

@@ -173,8 +173,9 @@ class ExtraTrust {
 
   bool empty() const { return certs_.empty(); }
 
-  // Called by libcurl with each new connection's TLS context, after it has
-  // loaded the system store into it.
+  // Called by libcurl with each new connection's TLS context. libcurl loads
+  // the system store into the same certificate store (on this version after
+  // the call), so both are trusted.
   static CURLcode addToContext(CURL*, void* sslContext, void* self) {
     X509_STORE* store = SSL_CTX_get_cert_store(static_cast<SSL_CTX*>(sslContext));
     for (X509* cert : static_cast<const ExtraTrust*>(self)->certs_) {
@@ -262,7 +263,8 @@ class CurlEngine : public std::enable_shared_from_this<CurlEngine> {
   CurlEngine(const std::string& caFile, std::shared_ptr<Log> log)
       : log_(std::move(log)), trust_(caFile, *log_) {}
 
-  // Any thread. Starts the network thread on first use.
+  // Any thread. Starts the network thread on first use. A request refused
+  // outright (client shutting down) is completed at once on the caller's thread.
   void submit(Job job) {
     std::optional<HttpError> refusal;
     {
@@ -399,8 +401,8 @@ class CurlEngine : public std::enable_shared_from_this<CurlEngine> {
     curl_easy_setopt(e, CURLOPT_SSL_VERIFYPEER, 1L);
     curl_easy_setopt(e, CURLOPT_SSL_VERIFYHOST, 2L);
     if (!trust_.empty()) {
-      // Loading the store per connection keeps the added certificates out of
-      // a store shared across connections.
+      // A fresh store per connection: a cached one would be shared between
+      // connections and could replace the one the extra certificates went into.
       curl_easy_setopt(e, CURLOPT_CA_CACHE_TIMEOUT, 0L);
       curl_easy_setopt(e, CURLOPT_SSL_CTX_FUNCTION, &ExtraTrust::addToContext);
       curl_easy_setopt(e, CURLOPT_SSL_CTX_DATA, &trust_);

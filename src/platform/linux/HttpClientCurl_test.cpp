@@ -1,8 +1,5 @@
 #include <httplib.h>
 #include <netinet/in.h>
-#include <openssl/evp.h>
-#include <openssl/pem.h>
-#include <openssl/x509v3.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -10,7 +7,6 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
@@ -27,10 +23,16 @@
 #include "quarrystone/Constants.h"
 #include "quarrystone/LinuxPlatform.h"
 
+// The loopback server comes from a prebuilt, uninstrumented library whose
+// worker threads synchronise in ways ThreadSanitizer cannot see; its reports
+// about the server's own threads say nothing about the client under test.
+extern "C" const char* __tsan_default_suppressions() { return "race:libcpp-httplib.so\n"; }
+
 namespace qs {
 namespace {
 
 using namespace std::chrono_literals;
+using Code = HttpError::Code;
 
 struct Outcome {
   std::optional<std::string> body;
@@ -43,21 +45,19 @@ struct Outcome {
 class Inbox : public QSPostOperationDelegate, public QSGetOperationDelegate {
  public:
   HttpClient::Completion completion() {
-    return [this](auto body, auto response, auto error) {
-      add({std::move(body), std::move(response), std::move(error), ""});
-    };
+    return [this](auto body, auto response, auto error) { add({body, response, error, ""}); };
   }
-  void taskCompletedWith(const std::optional<std::string>& body, const std::string& activityType,
+  void taskCompletedWith(const std::optional<std::string>& body, const std::string& type,
                          const std::optional<HttpResponse>& response,
                          const std::optional<HttpError>& error) override {
-    add({body, response, error, activityType});
+    add({body, response, error, type});
   }
   void taskCompletedWith(const std::optional<std::string>& body,
                          const std::optional<HttpResponse>& response,
                          const std::optional<HttpError>& error) override {
     add({body, response, error, ""});
   }
-  // Bounded wait for `count` completions in all; returns them.
+  // Waits, bounded, for `count` completions in all.
   std::vector<Outcome> waitFor(std::size_t count, std::chrono::seconds limit = 15s) {
     std::unique_lock lock(mutex_);
     cv_.wait_for(lock, limit, [&] { return got_.size() >= count; });
@@ -75,7 +75,7 @@ class Inbox : public QSPostOperationDelegate, public QSGetOperationDelegate {
   std::vector<Outcome> got_;
 };
 
-// An httplib server on a loopback port, served from a thread of its own.
+// An httplib server on a loopback port, listening once start() returns.
 class Loopback {
  public:
   explicit Loopback(std::unique_ptr<httplib::Server> server = std::make_unique<httplib::Server>())
@@ -85,20 +85,19 @@ class Loopback {
     if (thread_.joinable()) thread_.join();
   }
   httplib::Server& server() { return *server_; }
-  int start() {
-    port_ = server_->bind_to_any_port("127.0.0.1");  // listening from here on
+  std::string start() {
+    const int port = server_->bind_to_any_port("127.0.0.1");
     thread_ = std::thread([this] { server_->listen_after_bind(); });
-    return port_;
+    return std::to_string(port);
   }
 
  private:
   std::unique_ptr<httplib::Server> server_;
   std::thread thread_;
-  int port_ = 0;
 };
 
-// A loopback socket that is bound and, when `listening`, accepts connections
-// into its backlog but never answers; otherwise connections are refused.
+// A bound loopback port that refuses connections, or when `listening` takes
+// them into its backlog and never answers.
 class SilentPort {
  public:
   explicit SilentPort(bool listening) : fd_(socket(AF_INET, SOCK_STREAM, 0)) {
@@ -106,29 +105,22 @@ class SilentPort {
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t size = sizeof address;
-    auto* generic = reinterpret_cast<sockaddr*>(&address);
-    EXPECT_EQ(bind(fd_, generic, size), 0);
-    EXPECT_EQ(getsockname(fd_, generic, &size), 0);
-    if (listening) {
-      EXPECT_EQ(listen(fd_, 16), 0);
-    }
-    port_ = ntohs(address.sin_port);
+    bind(fd_, reinterpret_cast<sockaddr*>(&address), size);
+    getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &size);
+    if (listening) listen(fd_, 16);
+    url = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/";
   }
   ~SilentPort() { close(fd_); }
-  int port() const { return port_; }
-
- private:
-  int fd_;
-  int port_ = 0;
+  const int fd_;
+  std::string url;
 };
 
+HttpRequest get(std::string url) { return HttpRequest{"GET", std::move(url), {}, {}, 5.0}; }
+
+// The core's operations on the fake platform, sending through libcurl.
 class HttpClientCurlTest : public ::testing::Test {
  protected:
-  // The core's operations on the fake platform, with the real HTTP client.
-  void useCurl(const std::string& caFile = "") {
-    fake.http.reset();
-    platform.http = makeCurlHttpClient(caFile, fake.log);
-  }
+  HttpClientCurlTest() { platform.http = makeCurlHttpClient("", fake.log); }
   void post(const std::string& url, std::string body, std::string type,
             std::optional<HeaderMap> headers = std::nullopt) {
     auto op = std::make_shared<QSPostOperation>(*platform.http, manager.userAgent(), url,
@@ -138,7 +130,7 @@ class HttpClientCurlTest : public ::testing::Test {
     manager.addNetworkOperation(op);
   }
   // Joins the network thread: every completion has then run to its end, and
-  // the client's connections are closed before the test's server stops.
+  // the client's connections close before the test's server stops.
   void stopClient() { platform.http.reset(); }
 
   fake::FakePlatform fake;
@@ -148,105 +140,76 @@ class HttpClientCurlTest : public ::testing::Test {
 };
 
 TEST_F(HttpClientCurlTest, ServerSeesTheExactRequestsOnOneConnection) {
-  useCurl();
   std::mutex mutex;
   std::vector<httplib::Request> seen;
   Loopback loopback;
   auto record = [&](const httplib::Request& request, httplib::Response& response) {
     std::lock_guard lock(mutex);
     seen.push_back(request);
-    if (request.method == "POST") {
-      response.status = 500;
-      response.set_content(R"({"error":"x"})", "application/json");
-    } else {
-      response.set_content("fine", "text/plain");
-    }
+    response.status = request.method == "POST" ? 500 : 200;
+    response.set_content(R"({"error":"x"})", "application/json");
   };
   loopback.server().Post("/api/v1/collector/mobile", record);
   loopback.server().Get("/e", record);
-  const std::string origin = "http://app.collector.localhost:" + std::to_string(loopback.start());
+  // Names under "localhost" reach loopback without any resolver entry.
+  const std::string origin = "http://app.collector.localhost:" + loopback.start();
 
   post(origin + "/api/v1/collector/mobile", "p=\xC3\xA9+/=end", "QS315", HeaderMap{{"X-A", "1"}});
   auto got = inbox->waitFor(1);
   ASSERT_EQ(got.size(), 1u);
-  EXPECT_FALSE(got[0].error.has_value());  // an HTTP error status is an answer
-  ASSERT_TRUE(got[0].response.has_value());
+  ASSERT_FALSE(got[0].error.has_value());  // an HTTP error status is an answer
   EXPECT_EQ(got[0].response->statusCode, 500);
   EXPECT_EQ(got[0].body, R"({"error":"x"})");
   EXPECT_EQ(got[0].activityType, "QS315");
 
-  auto get = std::make_shared<QSGetOperation>(*platform.http, "Agent/1", origin + "/e?r=abc",
-                                              std::nullopt, std::nullopt);
-  get->setDelegate(inbox);
-  manager.addNetworkOperation(get);
+  auto op = std::make_shared<QSGetOperation>(*platform.http, "Agent/1", origin + "/e?r=abc",
+                                             std::nullopt, std::nullopt);
+  op->setDelegate(inbox);
+  manager.addNetworkOperation(op);
   ASSERT_EQ(inbox->waitFor(2).size(), 2u);
-  platform.http->send(HttpRequest{"GET", origin + "/e", {}, std::nullopt, 5.0},
-                      inbox->completion());
-  got = inbox->waitFor(3);
-  ASSERT_EQ(got.size(), 3u);
-  EXPECT_EQ(got[2].body, "fine");
   stopClient();
-  EXPECT_TRUE(get->isFinished());
+  EXPECT_TRUE(op->isFinished());
 
   std::lock_guard lock(mutex);
-  ASSERT_EQ(seen.size(), 3u);
-  const auto& p = seen[0];
-  EXPECT_EQ(p.body, "p=\xC3\xA9+/=end");
-  EXPECT_EQ(p.get_header_value("Content-Length"), "10");
-  EXPECT_EQ(p.get_header_value_count("Content-Length"), 1u);
-  EXPECT_EQ(p.get_header_value("Content-Type"), kFormSubmitContentType);
-  EXPECT_EQ(p.get_header_value("User-Agent"), manager.userAgent());
-  EXPECT_EQ(p.get_header_value("X-A"), "1");
-  EXPECT_EQ(p.get_header_value("Cache-Control"), "no-cache");
-  EXPECT_FALSE(p.has_header("Expect"));
-
-  const auto& g = seen[1];
-  EXPECT_EQ(g.method, "GET");
-  EXPECT_EQ(g.get_param_value("r"), "abc");
-  EXPECT_EQ(g.get_header_value("User-Agent"), "Agent/1");
-  EXPECT_FALSE(g.has_header("Content-Type"));
-  EXPECT_FALSE(g.has_header("Content-Length"));
-  EXPECT_TRUE(g.body.empty());
-
-  // Consecutive requests to one origin reuse the first connection.
-  EXPECT_EQ(seen[1].remote_port, seen[0].remote_port);
-  EXPECT_EQ(seen[2].remote_port, seen[0].remote_port);
+  ASSERT_EQ(seen.size(), 2u);
+  EXPECT_EQ(seen[0].body, "p=\xC3\xA9+/=end");
+  EXPECT_EQ(seen[0].get_header_value("Content-Length"), "10");
+  EXPECT_EQ(seen[0].get_header_value_count("Content-Length"), 1u);
+  EXPECT_EQ(seen[0].get_header_value("Content-Type"), kFormSubmitContentType);
+  EXPECT_EQ(seen[0].get_header_value("User-Agent"), manager.userAgent());
+  EXPECT_EQ(seen[0].get_header_value("X-A"), "1");
+  EXPECT_EQ(seen[0].get_header_value("Cache-Control"), "no-cache");
+  EXPECT_EQ(seen[1].get_param_value("r"), "abc");
+  EXPECT_EQ(seen[1].get_header_value("User-Agent"), "Agent/1");
+  EXPECT_FALSE(seen[1].has_header("Content-Type"));
+  EXPECT_FALSE(seen[1].has_header("Content-Length"));
+  EXPECT_EQ(seen[1].remote_port, seen[0].remote_port);  // one connection for both
 }
 
 TEST_F(HttpClientCurlTest, TransportFailuresBecomeErrors) {
-  useCurl();
-  SilentPort refusing(false);
-  SilentPort silent(true);
+  SilentPort refusing(false), silent(true);
   const auto started = std::chrono::steady_clock::now();
-  post("http://127.0.0.1:" + std::to_string(silent.port()) + "/", "a=b", "QS325");
-  auto send = [&](std::string url) {
-    platform.http->send(HttpRequest{"GET", std::move(url), {}, std::nullopt, 5.0},
-                        inbox->completion());
-  };
-  send("http://127.0.0.1:" + std::to_string(refusing.port()) + "/");
-  send("http://exa mple.com/");
-  send("ftp://127.0.0.1/");
-  send("");
-
+  post(silent.url, "a=b", "QS325");
+  for (const char* url : {refusing.url.c_str(), "http://exa mple.com/", "ftp://127.0.0.1/", ""}) {
+    platform.http->send(get(url), inbox->completion());
+  }
   auto got = inbox->waitFor(5);
   const auto elapsed = std::chrono::steady_clock::now() - started;
   ASSERT_EQ(got.size(), 5u);
-  std::multiset<HttpError::Code> quick;
+  std::multiset<Code> quick;
   for (std::size_t i = 0; i < 4; ++i) {
     ASSERT_TRUE(got[i].error.has_value());
     EXPECT_FALSE(got[i].response.has_value());
     quick.insert(got[i].error->code);
   }
   EXPECT_EQ(quick,
-            (std::multiset<HttpError::Code>{HttpError::Code::CannotConnect, HttpError::Code::BadURL,
-                                            HttpError::Code::BadURL, HttpError::Code::BadURL}));
+            (std::multiset<Code>{Code::CannotConnect, Code::BadURL, Code::BadURL, Code::BadURL}));
 
-  // The server that never answers is given up on after the 5 s limit.
-  const Outcome& late = got[4];
-  EXPECT_EQ(late.activityType, "QS325");
-  ASSERT_TRUE(late.error.has_value());
-  EXPECT_EQ(late.error->code, HttpError::Code::TimedOut);
-  EXPECT_EQ(late.error->localizedDescription, "The request timed out.");
+  // The server that never answers is given up on at the 5 s limit.
+  EXPECT_EQ(got[4].activityType, "QS325");
+  ASSERT_TRUE(got[4].error.has_value());
+  EXPECT_EQ(got[4].error->code, Code::TimedOut);
+  EXPECT_EQ(got[4].error->localizedDescription, "The request timed out.");
   EXPECT_GE(elapsed, 4500ms);
   stopClient();
   EXPECT_EQ(manager.requestsQueue().operationCount(), 0u);
@@ -254,35 +217,27 @@ TEST_F(HttpClientCurlTest, TransportFailuresBecomeErrors) {
 
 TEST_F(HttpClientCurlTest, DestructionCancelsTransfersInFlight) {
   SilentPort silent(true);
-  auto client = makeCurlHttpClient("", fake.log);
-  HttpClient* raw = client.get();
-  const HttpRequest request{
-      "GET", "http://127.0.0.1:" + std::to_string(silent.port()) + "/", {}, std::nullopt, 5.0};
+  HttpClient* raw = platform.http.get();
   // This completion sends again while the client shuts down; that is cancelled too.
-  client->send(request, [raw, request, sink = inbox->completion()](auto b, auto r, auto e) {
-    raw->send(request, sink);
-    sink(std::move(b), std::move(r), std::move(e));
+  raw->send(get(silent.url), [raw, url = silent.url, sink = inbox->completion()](auto... args) {
+    raw->send(get(url), sink);
+    sink(args...);
   });
-  client.reset();  // returns once every completion has run
-
+  stopClient();  // returns once every completion has run
   auto got = inbox->waitFor(2, 0s);
   ASSERT_EQ(got.size(), 2u);
-  for (const auto& outcome : got) {
-    ASSERT_TRUE(outcome.error.has_value());
-    EXPECT_EQ(outcome.error->code, HttpError::Code::Cancelled);
-  }
+  EXPECT_EQ(got[0].error.value().code, Code::Cancelled);
+  EXPECT_EQ(got[1].error.value().code, Code::Cancelled);
 }
 
 TEST_F(HttpClientCurlTest, ManyOperationsInFlightAllComplete) {
-  useCurl();
   constexpr std::size_t kCount = 24;
   std::mutex mutex;
   std::condition_variable allIn;
   std::size_t arrived = 0;
   Loopback loopback;
   loopback.server().new_task_queue = [] { return new httplib::ThreadPool(kCount + 4); };
-  // Nobody is answered before every request has arrived: they must all be in
-  // flight at once.
+  // Nobody is answered before every request has arrived: all are in flight at once.
   loopback.server().Post("/c", [&](const httplib::Request& request, httplib::Response& response) {
     std::unique_lock lock(mutex);
     ++arrived;
@@ -290,7 +245,7 @@ TEST_F(HttpClientCurlTest, ManyOperationsInFlightAllComplete) {
     allIn.wait_for(lock, 4s, [&] { return arrived >= kCount; });
     response.set_content(request.body, "text/plain");
   });
-  const std::string url = "http://127.0.0.1:" + std::to_string(loopback.start()) + "/c";
+  const std::string url = "http://127.0.0.1:" + loopback.start() + "/c";
   for (std::size_t i = 0; i < kCount; ++i) post(url, "n=" + std::to_string(i), std::to_string(i));
 
   auto got = inbox->waitFor(kCount);
@@ -303,102 +258,46 @@ TEST_F(HttpClientCurlTest, ManyOperationsInFlightAllComplete) {
   EXPECT_EQ(manager.requestsQueue().operationCount(), 0u);
 }
 
-// A throw-away authority and a "localhost" certificate it signed.
-class TestPki {
- public:
-  TestPki() {
-    caKey_ = EVP_EC_gen("P-256");
-    key_ = EVP_EC_gen("P-256");
-    ca_ = makeCert(caKey_, nullptr, caKey_, "Test Authority",
-                   {{NID_basic_constraints, "critical,CA:TRUE"},
-                    {NID_key_usage, "critical,keyCertSign,cRLSign"},
-                    {NID_subject_key_identifier, "hash"}});
-    leaf_ = makeCert(key_, ca_, caKey_, "localhost",
-                     {{NID_basic_constraints, "CA:FALSE"},
-                      {NID_subject_alt_name, "DNS:localhost,IP:127.0.0.1"},
-                      {NID_ext_key_usage, "serverAuth"}});
-    char pattern[] = "/tmp/qs-pki-XXXXXX";
-    dir_ = mkdtemp(pattern);
-    caFile_ = dir_ + "/ca.pem";
-    FILE* out = std::fopen(caFile_.c_str(), "w");
-    PEM_write_X509(out, ca_);
-    std::fclose(out);
-  }
-  ~TestPki() {
-    X509_free(ca_);
-    X509_free(leaf_);
-    EVP_PKEY_free(caKey_);
-    EVP_PKEY_free(key_);
-    std::filesystem::remove_all(dir_);
-  }
-  const std::string& caFile() const { return caFile_; }
-  std::unique_ptr<httplib::Server> server() const {
-    return std::make_unique<httplib::SSLServer>(leaf_, key_);
-  }
-
- private:
-  static X509* makeCert(EVP_PKEY* key, X509* issuer, EVP_PKEY* issuerKey, const char* name,
-                        std::vector<std::pair<int, const char*>> extensions) {
-    static long serial = 1;
-    X509* cert = X509_new();
-    X509_set_version(cert, 2);
-    ASN1_INTEGER_set(X509_get_serialNumber(cert), ++serial);
-    X509_gmtime_adj(X509_getm_notBefore(cert), -3600);
-    X509_gmtime_adj(X509_getm_notAfter(cert), 86400);
-    X509_set_pubkey(cert, key);
-    X509_NAME_add_entry_by_txt(X509_get_subject_name(cert), "CN", MBSTRING_ASC,
-                               reinterpret_cast<const unsigned char*>(name), -1, -1, 0);
-    X509_set_issuer_name(cert, X509_get_subject_name(issuer ? issuer : cert));
-    X509V3_CTX context;
-    X509V3_set_ctx(&context, issuer ? issuer : cert, cert, nullptr, nullptr, 0);
-    for (const auto& [nid, value] : extensions) {
-      X509_EXTENSION* extension = X509V3_EXT_conf_nid(nullptr, &context, nid, value);
-      X509_add_ext(cert, extension, -1);
-      X509_EXTENSION_free(extension);
-    }
-    X509_sign(cert, issuerKey, EVP_sha256());
-    return cert;
-  }
-
-  EVP_PKEY* caKey_ = nullptr;
-  EVP_PKEY* key_ = nullptr;
-  X509* ca_ = nullptr;
-  X509* leaf_ = nullptr;
-  std::string dir_;
-  std::string caFile_;
-};
-
 TEST_F(HttpClientCurlTest, TlsTrustsTheGivenAuthorityAndVerifiesPeers) {
-  TestPki pki;
-  Loopback loopback(pki.server());
+  // A throw-away authority and a "localhost" certificate it signed.
+  char pattern[] = "/tmp/qs-pki-XXXXXX";
+  const std::string dir = mkdtemp(pattern);
+  const std::string script = "cd " + dir + R"( && exec >/dev/null 2>&1 &&
+    openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 1 \
+      -subj /CN=TestAuthority -keyout ca.key -out ca.pem &&
+    openssl req -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -subj /CN=localhost \
+      -keyout leaf.key -out leaf.csr &&
+    printf 'subjectAltName=DNS:localhost,IP:127.0.0.1\n' > leaf.ext &&
+    openssl x509 -req -in leaf.csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 1 \
+      -extfile leaf.ext -out leaf.pem)";
+  ASSERT_EQ(std::system(script.c_str()), 0);
+  Loopback loopback(std::make_unique<httplib::SSLServer>((dir + "/leaf.pem").c_str(),
+                                                         (dir + "/leaf.key").c_str()));
   loopback.server().Get("/", [](const httplib::Request&, httplib::Response& response) {
     response.set_content("secure", "text/plain");
   });
-  const std::string url = "https://localhost:" + std::to_string(loopback.start()) + "/";
-  auto get = [&](HttpClient& client) {
-    client.send(HttpRequest{"GET", url, {}, std::nullopt, 5.0}, inbox->completion());
-  };
+  const std::string url = "https://localhost:" + loopback.start() + "/";
 
-  auto trusting = makeCurlHttpClient(pki.caFile(), fake.log);
-  get(*trusting);
+  auto trusting = makeCurlHttpClient(dir + "/ca.pem", fake.log);
+  trusting->send(get(url), inbox->completion());
   auto got = inbox->waitFor(1);
   ASSERT_EQ(got.size(), 1u);
   ASSERT_FALSE(got[0].error.has_value()) << got[0].error->localizedDescription;
   EXPECT_EQ(got[0].body, "secure");
 
   auto systemOnly = makeCurlHttpClient("", fake.log);
-  get(*systemOnly);
-  auto unreadable = makeCurlHttpClient(pki.caFile() + ".missing", fake.log);
-  get(*unreadable);
+  systemOnly->send(get(url), inbox->completion());
+  auto unreadable = makeCurlHttpClient(dir + "/missing.pem", fake.log);
+  unreadable->send(get(url), inbox->completion());
   EXPECT_TRUE(fake.log->contains("cannot read trust file"));
   got = inbox->waitFor(3);
   ASSERT_EQ(got.size(), 3u);
   for (std::size_t i = 1; i < 3; ++i) {
-    ASSERT_TRUE(got[i].error.has_value());
-    EXPECT_EQ(got[i].error->code, HttpError::Code::SecureConnectionFailed);
+    EXPECT_EQ(got[i].error.value().code, Code::SecureConnectionFailed);
     EXPECT_EQ(got[i].error->localizedDescription,
               "An SSL error has occurred and a secure connection to the server cannot be made.");
   }
+  std::filesystem::remove_all(dir);
 }
 
 }  // namespace

@@ -69,25 +69,37 @@ gint64 readyTimeAfter(double seconds) {
   return now + static_cast<gint64>(micros);
 }
 
-struct DispatchCall {
-  std::shared_ptr<LoopState> state;
+// What a source runs. GLib passes it between threads (attaching thread,
+// loop thread, the thread that destroys the source) under locks of its own
+// that ThreadSanitizer cannot see, so each hand-over also passes through
+// handoffMutex, which orders them for the sanitizer. It is held only for an
+// instant and never while user code runs.
+std::mutex handoffMutex;
+
+struct SourceCall {
+  explicit SourceCall(std::function<void()> f) : fn(std::move(f)) { handOver(); }
+  static void handOver() { std::lock_guard lock(handoffMutex); }
   std::function<void()> fn;
 };
 
-gboolean runDispatch(gpointer data) {
-  auto* call = static_cast<DispatchCall*>(data);
-  if (call->state->alive.load()) {
-    call->state->mainThread.store(std::this_thread::get_id());
-    runGuarded(call->fn);
-  }
+gboolean runSourceCall(gpointer data) {
+  auto* call = static_cast<SourceCall*>(data);
+  call->handOver();
+  runGuarded(call->fn);
+  call->handOver();
   return G_SOURCE_REMOVE;
 }
 
-void deleteDispatch(gpointer data) { delete static_cast<DispatchCall*>(data); }
+void deleteSourceCall(gpointer data) {
+  auto* call = static_cast<SourceCall*>(data);
+  call->handOver();
+  delete call;
+}
 
 // A one-shot timer. Thread contract: isValid/invalidate from any thread; the
-// function runs on the loop's thread, and never starts once invalidate() has
-// returned (both sides decide under mutex_).
+// function runs on the loop's thread. Firing and invalidating decide under
+// mutex_, so once invalidate() has returned the function can no longer be
+// chosen to run; one already chosen may still be running.
 class GlibTimer final : public Timer {
  public:
   GlibTimer(std::shared_ptr<LoopState> state, std::function<void()> fn)
@@ -135,7 +147,7 @@ class GlibTimer final : public Timer {
     }
     if (source != nullptr) g_source_unref(source);
     state_->mainThread.store(std::this_thread::get_id());
-    runGuarded(fn);
+    fn();
   }
 
  private:
@@ -145,14 +157,6 @@ class GlibTimer final : public Timer {
   std::function<void()> fn_;   // guarded by mutex_
   GSource* source_ = nullptr;  // guarded by mutex_; our reference
 };
-
-// The source holds the timer strongly, so a timer the caller drops still fires.
-gboolean runTimer(gpointer data) {
-  (*static_cast<std::shared_ptr<GlibTimer>*>(data))->fire();
-  return G_SOURCE_REMOVE;
-}
-
-void deleteTimerRef(gpointer data) { delete static_cast<std::shared_ptr<GlibTimer>*>(data); }
 
 gboolean quitLoop(gpointer loop) {
   g_main_loop_quit(static_cast<GMainLoop*>(loop));
@@ -215,16 +219,21 @@ class GlibMainLoop final : public MainLoop {
   }
 
   void dispatchAsync(std::function<void()> fn) override {
-    auto* call = new DispatchCall{state_, std::move(fn)};
-    GSource* source = newCallSource(0, runDispatch, call, deleteDispatch);
+    auto* call = new SourceCall([state = state_, fn = std::move(fn)] {
+      if (!state->alive.load()) return;
+      state->mainThread.store(std::this_thread::get_id());
+      fn();
+    });
+    GSource* source = newCallSource(0, runSourceCall, call, deleteSourceCall);
     g_source_attach(source, context_);
     g_source_unref(source);
   }
 
   std::shared_ptr<Timer> scheduleTimer(double seconds, std::function<void()> fn) override {
     auto timer = std::make_shared<GlibTimer>(state_, std::move(fn));
-    GSource* source = newCallSource(readyTimeAfter(seconds), runTimer,
-                                    new std::shared_ptr<GlibTimer>(timer), deleteTimerRef);
+    // The source holds the timer strongly, so a timer the caller drops still fires.
+    GSource* source = newCallSource(readyTimeAfter(seconds), runSourceCall,
+                                    new SourceCall([timer] { timer->fire(); }), deleteSourceCall);
     timer->adopt(source);
     {
       std::lock_guard lock(timersMutex_);

@@ -2,11 +2,11 @@
 #include <glib.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cmath>
 #include <filesystem>
 #include <future>
 #include <limits>
+#include <thread>
 
 #include "quarrystone/LinuxPlatform.h"
 
@@ -14,68 +14,32 @@ namespace qs {
 namespace {
 
 std::size_t threadCount() {
-  std::size_t n = 0;
-  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/task"))
-    ++n;
-  return n;
-}
-
-// Runs fn on the loop and waits (bounded) until it has run.
-bool runOnLoop(MainLoop& loop, std::function<void()> fn) {
-  auto done = std::make_shared<std::promise<void>>();
-  auto future = done->get_future();
-  loop.dispatchAsync([fn = std::move(fn), done] {
-    fn();
-    done->set_value();
-  });
-  return future.wait_for(std::chrono::seconds(10)) == std::future_status::ready;
+  auto tasks = std::filesystem::directory_iterator("/proc/self/task");
+  return static_cast<std::size_t>(std::distance(begin(tasks), end(tasks)));
 }
 
 TEST(GlibMainLoop, OwnThreadRunsDispatchesAndTimersAndIsJoinedOnDestruction) {
+  std::thread([] {}).join();  // a sanitizer's helper thread starts with the first thread
   const std::size_t before = threadCount();
   auto loop = makeGlibMainLoop(nullptr);
   EXPECT_EQ(threadCount(), before + 1);
   EXPECT_FALSE(loop->isMainThread());
 
-  std::thread::id loopThread;
-  bool onMain = false;
-  ASSERT_TRUE(runOnLoop(*loop, [&] {
-    loopThread = std::this_thread::get_id();
-    onMain = loop->isMainThread();
-  }));
-  EXPECT_TRUE(loopThread != std::this_thread::get_id());
-  EXPECT_TRUE(onMain);
-
-  std::promise<std::thread::id> fired;
-  auto timer = loop->scheduleTimer(0.01, [&] { fired.set_value(std::this_thread::get_id()); });
-  auto firedOn = fired.get_future();
-  ASSERT_EQ(firedOn.wait_for(std::chrono::seconds(10)), std::future_status::ready);
-  EXPECT_TRUE(firedOn.get() == loopThread);
+  std::promise<std::pair<std::thread::id, bool>> dispatched, fired;
+  loop->dispatchAsync([&] {
+    dispatched.set_value({std::this_thread::get_id(), loop->isMainThread()});
+  });
+  loop->scheduleTimer(0.01, [&] { fired.set_value({std::this_thread::get_id(), true}); });
+  auto first = dispatched.get_future(), second = fired.get_future();
+  ASSERT_EQ(second.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+  auto [loopThread, onMain] = first.get();
+  EXPECT_TRUE(loopThread != std::this_thread::get_id() && onMain);
+  EXPECT_TRUE(second.get().first == loopThread);
 
   auto pending = loop->scheduleTimer(3600, [] {});
   loop.reset();
   EXPECT_EQ(threadCount(), before);
   EXPECT_FALSE(pending->isValid());  // destruction invalidates what never fired
-}
-
-// Invalidation from another thread racing the timer's firing, at staggered
-// moments: the function must never start once invalidate() has returned, and
-// ThreadSanitizer sees the timer's state touched from both threads.
-TEST(GlibMainLoop, InvalidateFromAnotherThreadRacesFiringSafely) {
-  auto loop = makeGlibMainLoop(nullptr);
-  auto violations = std::make_shared<std::atomic<int>>(0);
-  for (int i = 0; i < 2000; ++i) {
-    auto invalidated = std::make_shared<std::atomic<bool>>(false);
-    auto timer = loop->scheduleTimer(0, [invalidated, violations] {
-      if (invalidated->load()) violations->fetch_add(1);
-    });
-    for (int spin = 0; spin < (i % 100) * 10; ++spin)
-      std::atomic_signal_fence(std::memory_order_seq_cst);
-    timer->invalidate();
-    invalidated->store(true);
-  }
-  ASSERT_TRUE(runOnLoop(*loop, [] {}));
-  EXPECT_EQ(violations->load(), 0);
 }
 
 TEST(GlibMainLoop, OddIntervalsAreClampedSafely) {
@@ -90,8 +54,7 @@ TEST(GlibMainLoop, OddIntervalsAreClampedSafely) {
   }
   EXPECT_EQ(fired, 1);
   EXPECT_FALSE(nan->isValid());
-  EXPECT_TRUE(huge->isValid());
-  EXPECT_TRUE(infinite->isValid());
+  EXPECT_TRUE(huge->isValid() && infinite->isValid());
   loop.reset();
   EXPECT_FALSE(huge->isValid());
   g_main_context_unref(context);

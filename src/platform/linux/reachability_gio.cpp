@@ -147,7 +147,7 @@ void onNetworkChanged(GNetworkMonitor*, gboolean, gpointer watcher);
 void onPropertyChanged(GObject*, GParamSpec*, gpointer watcher);
 
 // Owns the monitor thread and the private GNetworkMonitor on it. Thread
-// contract: state(), add() and flagsOf() from any thread; the monitor and its
+// contract: add() and flagsOf() from any thread; the monitor and its
 // signals only on the monitor thread. Destruction stops and joins the thread.
 class NetworkWatcher {
  public:

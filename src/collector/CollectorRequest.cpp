@@ -1,0 +1,174 @@
+#include "collector/CollectorRequest.h"
+
+#include <span>
+
+#include <fmt/format.h>
+
+#include "crypto/SHA256_CBC.h"
+#include "manager/QSManagerHelper.h"
+#include "quarrystone/Constants.h"
+#include "quarrystone/QSFieldsMapping.h"
+#include "quarrystone/QSManager.h"
+
+namespace qs {
+
+CollectorRequest::CollectorRequest(std::weak_ptr<QSManager> manager, Platform platform,
+                                   std::shared_ptr<QSStorage> storage,
+                                   std::shared_ptr<QSUtils> utils, std::shared_ptr<QSUUID> uuid,
+                                   std::shared_ptr<QSNetworkManager> network)
+    : manager_(std::move(manager)),
+      platform_(std::move(platform)),
+      storage_(std::move(storage)),
+      utils_(std::move(utils)),
+      uuid_(std::move(uuid)),
+      network_(std::move(network)) {}
+
+void CollectorRequest::setDelegate(std::weak_ptr<CollectorRequestDelegate> delegate) {
+  delegate_ = std::move(delegate);
+}
+
+void CollectorRequest::sendRequestToServer(const Value& activity) {
+  auto manager = manager_.lock();
+  if (!manager) return;
+  std::string type;
+  if (auto t = activity.find("t"); t != activity.end() && t->is_string()) type = t->get<std::string>();
+
+  const std::string appId = manager->appId();
+  const std::string payload = payloadValueToBase64(activity, appId);
+  const std::string form = toFormSubmitPostString(prepareBodyWith(payload, appId));
+
+  auto utils = utils_;
+  auto operation = std::make_shared<QSPostOperation>(
+      *platform_.http, network_->userAgent(), manager->collectorUrl(), form, type,
+      [utils] { utils->startTimerForCollectorRequest(); });
+  operation->setDelegate(shared_from_this());
+  network_->addNetworkOperation(std::move(operation));
+}
+
+std::string CollectorRequest::payloadValueToBase64(const Value& activity,
+                                                   const std::string& appId) {
+  Value batch = Value::array();
+  batch.push_back(activity);
+  // Text that is not valid UTF-8 (from host parameters) is replaced rather
+  // than refused, so the activity still goes out.
+  const std::string json = batch.dump(-1, ' ', false, Value::error_handler_t::replace);
+  return SHA256_CBC::encryptToBase64String(
+      std::span(reinterpret_cast<const std::uint8_t*>(json.data()), json.size()), appId);
+}
+
+Value CollectorRequest::prepareBodyWith(const std::string& payload, const std::string& appId) {
+  Value body = Value::object();
+  body["uuid"] = uuid_->UUID();
+  body["tag"] = QS_JS_CLIENT_TAG;
+  body["en"] = "1";
+  body["payload"] = payload;
+  if (auto sid = storage_->getSid()) body["sid"] = *sid;
+  if (auto vid = storage_->getVid()) body["vid"] = *vid;
+  body["appId"] = appId;
+  return body;
+}
+
+std::string CollectorRequest::toFormSubmitPostString(const Value& body) {
+  std::string form;
+  form.reserve(200);
+  for (const auto& [key, value] : body.items()) {
+    if (!form.empty()) form += '&';
+    form += key;
+    form += '=';
+    form += value.is_string() ? value.get_ref<const std::string&>() : value.dump();
+  }
+  return form;
+}
+
+void CollectorRequest::taskCompletedWith(const std::optional<std::string>& data,
+                                         const std::string& activityType,
+                                         const std::optional<HttpResponse>& /*response*/,
+                                         const std::optional<HttpError>& error) {
+  utils_->stopTimerForCollectorRequest();
+  if (error) {
+    log(fmt::format("CollectorRequest received error: {}", error->localizedDescription));
+    handleCollectorError(activityType);
+    return;
+  }
+  std::string parseError;
+  auto response = CollectorResponse::initWithCollectorResponse(
+      QSUtils::dictionaryFromData(data), platform_.clock->now(), &parseError);
+  if (!response) {
+    // A malformed command stops the parse; nothing of it is used and the
+    // exchange counts as failed.
+    log(fmt::format("CollectorRequest received error: {}", parseError));
+    handleCollectorError(activityType);
+    return;
+  }
+  handleCollectorResponse(*response, activityType);
+}
+
+void CollectorRequest::handleCollectorResponse(const CollectorResponse& response,
+                                               const std::string& /*activityType*/) {
+  log("handleCollectorResponse <--");
+  if (response.sid()) storage_->saveSid(response.sid());
+  if (response.vid()) storage_->saveVid(response.vid());
+
+  if (response.challenge()) {
+    log("handleCollectorResponse --> handleChallenge");
+    if (auto delegate = delegate_.lock()) delegate->handleChallenge(*response.challenge());
+    return;
+  }
+  auto manager = manager_.lock();
+  if (!manager) return;
+  if (response.cookie() && utils_->shouldSaveNewCookie(*response.cookie())) {
+    log("handleCollectorResponse --> received new cookie");
+    storage_->saveCookie(response.cookie());
+    manager->managerHelper().setTimerForTokenRenew(*response.cookie());
+    notifyDelegateOnNewHeaders();
+    return;
+  }
+  if (!didNotifyDelegateOnManagerReady_.load()) {
+    manager->managerHelper().setTimerForAppInitActivity();
+    notifyDelegateOnNewHeaders();
+  }
+}
+
+void CollectorRequest::handleCollectorError(const std::string& activityType) {
+  log("handleCollectorError");
+  setTimerForRetryOnError(activityType);
+  if (!didNotifyDelegateOnManagerReady_.load()) notifyDelegateOnNewHeaders();
+}
+
+void CollectorRequest::setTimerForRetryOnError(const std::string& activityType) {
+  auto manager = manager_.lock();
+  if (!manager) return;
+  QSManagerHelper& helper = manager->managerHelper();
+  if (activityType == QSFM_APP_INIT || activityType == QSFM_APP_CHALLENGE) {
+    helper.setTimerForAppInitActivity();
+  } else if (activityType == QSFM_APP_IDLE) {
+    helper.setTimerForAppIdleActivity(60.0);
+  }
+}
+
+void CollectorRequest::notifyDelegateOnNewHeaders() {
+  auto manager = manager_.lock();
+  if (!manager) return;
+  const HeaderMap headers = manager->httpHeaders();
+  auto delegate = manager->delegate();
+  // The flag flips before the host is called, so that completions racing on
+  // other threads (or a restart from inside the callback) cannot announce
+  // readiness a second time.
+  const bool ready = didNotifyDelegateOnManagerReady_.exchange(true);
+  if (!ready) utils_->stopTimerForManagerStart();
+  if (!delegate) return;
+  // An exception from the host's own callback must not unwind the network thread.
+  try {
+    if (ready) {
+      delegate->newHeaders(headers);
+    } else {
+      delegate->managerReady(headers);
+    }
+  } catch (const std::exception& e) {
+    log(fmt::format("QSManagerDelegate callback threw: {}", e.what()));
+  } catch (...) {
+    log("QSManagerDelegate callback threw");
+  }
+}
+
+}  // namespace qs

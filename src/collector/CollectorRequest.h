@@ -1,0 +1,76 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "activity/QSUUID.h"
+#include "activity/QSUtils.h"
+#include "collector/CollectorResponse.h"
+#include "collector/QSChallenge.h"
+#include "collector/QSStorage.h"
+#include "network/QSNetworkManager.h"
+#include "network/QSPostOperation.h"
+#include "quarrystone/Value.h"
+#include "quarrystone/platform/Platform.h"
+
+namespace qs {
+
+class QSManager;
+
+// Answers a collector challenge; implemented by the orchestrator.
+class CollectorRequestDelegate {
+ public:
+  virtual ~CollectorRequestDelegate() = default;
+  virtual void handleChallenge(const QSChallenge& challenge) = 0;
+};
+
+// One exchange with the collector at a time per call: encodes an activity,
+// posts it, applies the answer's commands, arms the next timer and tells the
+// host. Sending runs on the caller's thread; completions on the HTTP client's
+// callback thread, where overlapping completions may interleave. The
+// manager and the delegate are held weakly.
+class CollectorRequest : public QSPostOperationDelegate,
+                         public std::enable_shared_from_this<CollectorRequest> {
+ public:
+  CollectorRequest(std::weak_ptr<QSManager> manager, Platform platform,
+                   std::shared_ptr<QSStorage> storage, std::shared_ptr<QSUtils> utils,
+                   std::shared_ptr<QSUUID> uuid, std::shared_ptr<QSNetworkManager> network);
+
+  void setDelegate(std::weak_ptr<CollectorRequestDelegate> delegate);
+  bool didNotifyDelegateOnManagerReady() const { return didNotifyDelegateOnManagerReady_.load(); }
+
+  // Encodes the activity record ({"t","d"}) and queues its POST.
+  void sendRequestToServer(const Value& activity);
+
+  void taskCompletedWith(const std::optional<std::string>& data, const std::string& activityType,
+                         const std::optional<HttpResponse>& response,
+                         const std::optional<HttpError>& error) override;
+  void handleCollectorResponse(const CollectorResponse& response, const std::string& activityType);
+  void handleCollectorError(const std::string& activityType);
+  void setTimerForRetryOnError(const std::string& activityType);
+  void notifyDelegateOnNewHeaders();
+
+  // The encrypted, base64 payload: the record in a one-element JSON array,
+  // enciphered under `appId`.
+  static std::string payloadValueToBase64(const Value& activity, const std::string& appId);
+  // uuid, tag, en, payload, sid and vid when stored, appId — in that order.
+  Value prepareBodyWith(const std::string& payload, const std::string& appId);
+  // "k=v" pairs joined by "&", in the map's order, without any escaping.
+  static std::string toFormSubmitPostString(const Value& body);
+
+ private:
+  void log(const std::string& line) const { platform_.log->write(line); }
+
+  const std::weak_ptr<QSManager> manager_;
+  const Platform platform_;
+  const std::shared_ptr<QSStorage> storage_;
+  const std::shared_ptr<QSUtils> utils_;
+  const std::shared_ptr<QSUUID> uuid_;
+  const std::shared_ptr<QSNetworkManager> network_;
+  std::weak_ptr<CollectorRequestDelegate> delegate_;  // set once, before any exchange
+  std::atomic<bool> didNotifyDelegateOnManagerReady_{false};
+};
+
+}  // namespace qs

@@ -1,0 +1,177 @@
+#include "collector/CollectorRequest.h"
+
+#include "CoreFixture.h"
+#include "quarrystone/QSFieldsMapping.h"
+
+namespace qs::testing {
+namespace {
+
+using fake::FakeReply;
+
+FakeReply commands(std::initializer_list<const char*> list, long status = 200) {
+  Value body = Value::object();
+  body["do"] = Value::array();
+  for (const char* c : list) body["do"].push_back(c);
+  return FakeReply::json(body.dump(), status);
+}
+
+const FakeReply kRefused =
+    FakeReply::failure(HttpError::Code::CannotConnect, "Could not connect to the server.");
+
+class CollectorExchangeTest : public CoreTest {
+ protected:
+  // Answers the one pending request and lets the main loop schedule timers.
+  void answer(const FakeReply& reply) {
+    ASSERT_EQ(fake.http->pendingCount(), 1u);
+    fake.http->respondNext(reply);
+    fake.mainLoop->runUntilIdle();
+  }
+  double now() const { return fake.clock->now(); }
+};
+
+TEST_F(CollectorExchangeTest, FailedFirstExchangeMakesTheManagerReadyAndRetriesSixtySecondsLater) {
+  manager->startWith("app1");
+  answer(kRefused);
+
+  auto calls = delegate->calls();
+  ASSERT_EQ(calls.size(), 1u);
+  EXPECT_EQ(calls[0].kind, "managerReady");
+  EXPECT_EQ(calls[0].headers, (HeaderMap{{"X-QS-AUTHORIZATION", "1"}}));
+  EXPECT_TRUE(fake.log->contains("CollectorRequest received error: Could not connect to the server."));
+  EXPECT_DOUBLE_EQ(fake.mainLoop->nextFireTime(), now() + 60);
+
+  fake.mainLoop->advance(59.5);
+  EXPECT_EQ(fake.http->requestCount(), 1u);
+  fake.mainLoop->advance(0.5);
+  ASSERT_EQ(fake.http->requestCount(), 2u);
+  auto retry = lastPost();
+  EXPECT_EQ(retry.type(), QSFM_APP_INIT);
+  EXPECT_EQ(retry.details()[QSFM_APP_STATE], "new_session");
+
+  // Later failures are not told to the host.
+  answer(kRefused);
+  EXPECT_EQ(delegate->calls().size(), 1u);
+}
+
+TEST_F(CollectorExchangeTest, SidAndVidOnlyAreStoredAndArmTheNewSessionTimer) {
+  manager->startWith("app1");
+  EXPECT_EQ(lastPost().form.count("sid"), 0u);
+  answer(commands({"sid|S1", "vid|V1"}, 500));  // the status code is not looked at
+
+  EXPECT_EQ(manager->storage()->getSid(), "S1");
+  EXPECT_EQ(manager->storage()->getVid(), "V1");
+  ASSERT_EQ(delegate->calls().size(), 1u);
+  EXPECT_EQ(delegate->calls()[0].kind, "managerReady");
+  EXPECT_DOUBLE_EQ(fake.mainLoop->nextFireTime(), now() + 60);
+
+  fake.mainLoop->advance(60);
+  auto next = lastPost();
+  EXPECT_EQ(next.form["sid"], "S1");
+  EXPECT_EQ(next.form["vid"], "V1");
+  EXPECT_EQ(next.form.size(), 7u);
+}
+
+TEST_F(CollectorExchangeTest, ChallengeIsAnsweredAndItsAnswerBringsTheTokenAndRenewal) {
+  manager->startWith("app1");
+  answer(commands({"sid|S1", "vid|V1", "appc|t1|42|hash|0a1b-2c", "bake|_qs3|x|T0|y|600"}));
+
+  // The challenge is answered at once; the cookie beside it is dropped and
+  // the host hears nothing yet.
+  EXPECT_TRUE(delegate->calls().empty());
+  EXPECT_FALSE(manager->storage()->getCookie().has_value());
+  EXPECT_EQ(manager->storage()->getVid(), "V1");
+  auto answerPost = lastPost();
+  EXPECT_EQ(answerPost.type(), QSFM_APP_CHALLENGE);
+  EXPECT_EQ(answerPost.details(), (Value{{QSFM_CHALLENGE_TS, 42},
+                                         {QSFM_DEVICE_MODEL, "Simulator"},
+                                         {QSFM_CHALLENGE_SIGNED, "hash"},
+                                         {QSFM_CHALLENGE_RESULT, "c2-b1a0"}}));
+
+  answer(commands({"bake|_qs3|x|T3|y|300"}));
+  auto calls = delegate->calls();
+  ASSERT_EQ(calls.size(), 1u);
+  EXPECT_EQ(calls[0].kind, "managerReady");
+  EXPECT_EQ(calls[0].headers, (HeaderMap{{"X-QS-AUTHORIZATION", "3:T3"}}));
+  EXPECT_EQ(fake.mainLoop->pendingTimerCount(), 1u);
+  EXPECT_DOUBLE_EQ(fake.mainLoop->nextFireTime(), now() + 240);  // 80% of 300 s
+
+  fake.mainLoop->advance(240);
+  EXPECT_EQ(lastPost().type(), QSFM_APP_IDLE);
+
+  // The same token again: nothing is saved, armed or told.
+  answer(commands({"bake|_qs3|x|T3|y|300"}));
+  EXPECT_TRUE(fake.log->contains("cookies are the same, there is no point in saving"));
+  EXPECT_EQ(fake.mainLoop->pendingTimerCount(), 0u);
+  EXPECT_EQ(delegate->calls().size(), 1u);
+
+  // A new token later is announced with newHeaders.
+  manager->wakeup();
+  answer(commands({"bake|_qs3|x|T4|y|100"}));
+  calls = delegate->calls();
+  ASSERT_EQ(calls.size(), 2u);
+  EXPECT_EQ(calls[1].kind, "newHeaders");
+  EXPECT_EQ(calls[1].headers, (HeaderMap{{"X-QS-AUTHORIZATION", "3:T4"}}));
+}
+
+TEST_F(CollectorExchangeTest, FailedRetriesFollowTheActivityType) {
+  manager->startWith("app1");
+  answer(commands({"bake|_qs3|x|T1|y|100"}));
+  fake.mainLoop->advance(80);
+  ASSERT_EQ(lastPost().type(), QSFM_APP_IDLE);
+
+  // A failed idle renewal is retried as an idle activity after 60 s.
+  answer(kRefused);
+  fake.mainLoop->advance(60);
+  EXPECT_EQ(lastPost().type(), QSFM_APP_IDLE);
+
+  // A failed challenge answer leads to a new session after 60 s, not a resend.
+  answer(commands({"appc|t|1|h|u"}));
+  ASSERT_EQ(lastPost().type(), QSFM_APP_CHALLENGE);
+  answer(kRefused);
+  fake.mainLoop->advance(60);
+  auto retry = lastPost();
+  EXPECT_EQ(retry.type(), QSFM_APP_INIT);
+  EXPECT_EQ(retry.details()[QSFM_APP_STATE], "new_session");
+}
+
+TEST_F(CollectorExchangeTest, MalformedAnswersAreFailuresOrEmptyButNeverCrash) {
+  manager->startWith("app1");
+  // A command too short for the field it reads stops the parse: nothing of
+  // it is used and the exchange counts as failed.
+  answer(commands({"sid|S1", "vid"}));
+  EXPECT_FALSE(manager->storage()->getSid().has_value());
+  EXPECT_TRUE(fake.log->contains("CollectorRequest received error:"));
+  ASSERT_EQ(delegate->calls().size(), 1u);
+  EXPECT_DOUBLE_EQ(fake.mainLoop->nextFireTime(), now() + 60);
+
+  // Bodies that are not commands are answers with nothing new.
+  for (const char* body : {"", "not json", "[1,2]", "{\"do\":5}", "{\"do\":[1,null,{}]}",
+                           "{\"do\":[\"bake|_qs3\"]}"}) {
+    manager->wakeup();
+    answer(FakeReply::json(body));
+  }
+  EXPECT_EQ(delegate->calls().size(), 1u);
+  EXPECT_FALSE(manager->storage()->getCookie().has_value());
+}
+
+TEST_F(CollectorExchangeTest, FormStringIsTheBodyMapWithoutEscaping) {
+  Value body = Value::object();
+  EXPECT_EQ(CollectorRequest::toFormSubmitPostString(body), "");
+  body["uuid"] = "u";
+  body["payload"] = "ab+x/y==";
+  body["appId"] = "A";
+  EXPECT_EQ(CollectorRequest::toFormSubmitPostString(body), "uuid=u&payload=ab+x/y==&appId=A");
+
+  manager->startWith("app1");
+  auto post = lastPost();
+  EXPECT_EQ(post.form["uuid"], manager->uuid()->UUID());
+  EXPECT_EQ(post.form["tag"], "v2.51");
+  EXPECT_EQ(post.form["en"], "1");
+  EXPECT_EQ(post.form["appId"], "app1");
+  EXPECT_EQ(post.form.size(), 5u);
+  auto request = fake.http->requests().back();
+  EXPECT_EQ(request.url, "https://collector-app1.test/api/v1/collector/mobile");
+}
+
+}  // namespace
+}  // namespace qs::testing

@@ -1,0 +1,197 @@
+#include "manager/QSManagerHelper.h"
+
+#include <fmt/format.h>
+#include <fmt/printf.h>
+
+#include "activity/ChallengeActivity.h"
+#include "quarrystone/Constants.h"
+#include "quarrystone/QSManager.h"
+
+namespace qs {
+
+QSManagerHelper::QSManagerHelper(std::weak_ptr<QSManager> manager, Platform platform,
+                                 std::shared_ptr<QSStorage> storage,
+                                 std::shared_ptr<QSUtils> utils, std::shared_ptr<QSUUID> uuid,
+                                 std::shared_ptr<QSNetworkManager> network)
+    : manager_(std::move(manager)),
+      platform_(std::move(platform)),
+      storage_(std::move(storage)),
+      utils_(std::move(utils)),
+      uuid_(std::move(uuid)),
+      network_(std::move(network)) {}
+
+std::shared_ptr<QSManagerHelper> QSManagerHelper::create(
+    std::weak_ptr<QSManager> manager, const Platform& platform, std::shared_ptr<QSStorage> storage,
+    std::shared_ptr<QSUtils> utils, std::shared_ptr<QSUUID> uuid,
+    std::shared_ptr<QSNetworkManager> network) {
+  std::shared_ptr<QSManagerHelper> helper(
+      new QSManagerHelper(manager, platform, storage, utils, uuid, network));
+  helper->collectorRequest_ =
+      std::make_shared<CollectorRequest>(manager, platform, storage, utils, uuid, network);
+  helper->collectorRequest_->setDelegate(helper);
+  helper->setUpRechability();
+  std::weak_ptr<QSManagerHelper> weak = helper;
+  helper->foregroundObserver_ = platform.notifications->addObserver(
+      kApplicationWillEnterForegroundNotification, [weak](const Notification&) {
+        if (auto self = weak.lock()) self->handleBGtoFG();
+      });
+  return helper;
+}
+
+QSManagerHelper::~QSManagerHelper() {
+  platform_.notifications->removeObserver(foregroundObserver_);
+  platform_.notifications->removeObserver(reachabilityObserver_);
+  resetTimer();
+}
+
+std::shared_ptr<Timer> QSManagerHelper::timer() const {
+  std::lock_guard lock(timerMutex_);
+  return timer_;
+}
+
+void QSManagerHelper::setUpRechability() {
+  std::weak_ptr<QSManagerHelper> weak = weak_from_this();
+  reachabilityObserver_ = platform_.notifications->addObserver(
+      kQSReachabilityChangedNotification, [weak](const Notification& notification) {
+        if (auto self = weak.lock()) self->handleNetworkChange(notification);
+      });
+  reachability_ = QSReachability::reachabilityForInternetConnection(platform_);
+  if (reachability_) reachability_->startNotifier();
+  hasNetwork_.store(reachability_ && reachability_->currentReachabilityStatus() != 0);
+  log(fmt::format("setUpRechability - hasNetwork: {}", hasNetwork_.load() ? "true" : "false"));
+}
+
+void QSManagerHelper::handleNetworkChange(const Notification& /*notification*/) {
+  // Kept as status only: nothing in the library waits for the network.
+  hasNetwork_.store(reachability_ && reachability_->currentReachabilityStatus() != 0);
+  log(fmt::format("handleNetworkChange - hasNetwork: {}", hasNetwork_.load() ? "true" : "false"));
+}
+
+void QSManagerHelper::sendAppActivity(QSAppState state) {
+  AppActivity builder(platform_, *storage_, *utils_, *uuid_);
+  collectorRequest_->sendRequestToServer(builder.collectActivityData(state));
+}
+
+void QSManagerHelper::handleBGtoFG() {
+  log("handle background to foreground");
+  sendAppActivity(QSAppStateBackgroundToForeground);
+}
+
+void QSManagerHelper::sendNewSessionActivity() { sendAppActivity(QSAppStateNewSession); }
+
+void QSManagerHelper::sendAppIdleActivity() { sendAppActivity(QSAppStateIdle); }
+
+void QSManagerHelper::handleChallenge(const QSChallenge& challenge) {
+  ChallengeActivity builder(platform_, *storage_, *utils_, *uuid_);
+  collectorRequest_->sendRequestToServer(builder.prepareActivityData(challenge));
+}
+
+void QSManagerHelper::setTimerForTokenRenew(const QSCookie& cookie) {
+  log("--> setTimerForTokenRenew");
+  setTimerForAppIdleActivity(cookie.ttlFireDate() - platform_.clock->now());
+}
+
+void QSManagerHelper::setTimerForAppIdleActivity(double seconds) {
+  log("--> setTimerForAppIdleActivity");
+  resetTimer();
+  log(fmt::sprintf("set a new timer, it will send app_idle activity in %02f seconds, %.2f minutes",
+                   seconds, seconds / 60));
+  scheduleTimer(seconds, &QSManagerHelper::sendAppIdleActivity);
+}
+
+void QSManagerHelper::setTimerForAppInitActivity() {
+  log("--> setTimerForAppInitActivity");
+  resetTimer();
+  log("set a new timer, it will send app_init activity in 60 seconds");
+  scheduleTimer(60.0, &QSManagerHelper::sendNewSessionActivity);
+}
+
+// The reset above runs at once on the caller's thread; the new timer is made
+// later on the main thread, so the most recent request wins. Two requests
+// made before the main thread runs either scheduling both get scheduled, and
+// only the later one stays referenced.
+void QSManagerHelper::scheduleTimer(double seconds, void (QSManagerHelper::*target)()) {
+  std::weak_ptr<QSManagerHelper> weak = weak_from_this();
+  platform_.mainLoop->dispatchAsync([weak, seconds, target] {
+    auto self = weak.lock();
+    if (!self) return;
+    auto timer = self->platform_.mainLoop->scheduleTimer(seconds, [weak, target] {
+      if (auto helper = weak.lock()) ((*helper).*target)();
+    });
+    std::lock_guard lock(self->timerMutex_);
+    self->timer_ = std::move(timer);
+  });
+}
+
+void QSManagerHelper::resetTimer() {
+  std::lock_guard lock(timerMutex_);
+  if (timer_ && timer_->isValid()) {
+    log("** Invalidating timer **");
+    timer_->invalidate();
+    timer_.reset();
+  }
+}
+
+std::string QSManagerHelper::appId() const {
+  auto manager = manager_.lock();
+  return manager ? manager->appId() : std::string();
+}
+
+std::optional<std::string> QSManagerHelper::prepareErrorData(const std::string& message) {
+  Value record = Value::object();
+  record["message"] = message;
+  record["tag"] = network_->userAgent();
+  record["appId"] = appId();
+  record["sdk_version"] = QS_SDK_VERSION;
+  try {
+    return record.dump();
+  } catch (const Value::exception& e) {
+    log(fmt::format("prepareErrorData - Got an error: {}", e.what()));
+    return std::nullopt;
+  }
+}
+
+std::string QSManagerHelper::percentEncodeHostAllowed(std::string_view text) {
+  static constexpr std::string_view kAllowedPunctuation = "!$&'()*+,-.:;=[]_~";
+  static constexpr char kHex[] = "0123456789ABCDEF";
+  std::string encoded;
+  encoded.reserve(text.size() * 3);
+  for (char c : text) {
+    auto byte = static_cast<unsigned char>(c);
+    bool alnum = (byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z') ||
+                 (byte >= '0' && byte <= '9');
+    if (alnum || kAllowedPunctuation.find(c) != std::string_view::npos) {
+      encoded.push_back(c);
+    } else {
+      encoded.push_back('%');
+      encoded.push_back(kHex[byte >> 4]);
+      encoded.push_back(kHex[byte & 0xF]);
+    }
+  }
+  return encoded;
+}
+
+void QSManagerHelper::reportError(const std::string& message) {
+  auto manager = manager_.lock();
+  if (!manager) return;
+  const std::string id = manager->appId();
+  auto json = prepareErrorData(message);
+  const std::string encoded = json ? percentEncodeHostAllowed(*json) : "(null)";
+  auto operation = std::make_shared<QSGetOperation>(
+      *platform_.http, network_->userAgent(), manager->settings().clientErrorUrl(id, encoded),
+      std::nullopt, std::nullopt);
+  operation->setDelegate(shared_from_this());
+  network_->addNetworkOperation(std::move(operation));
+}
+
+void QSManagerHelper::taskCompletedWith(const std::optional<std::string>& /*data*/,
+                                        const std::optional<HttpResponse>& /*response*/,
+                                        const std::optional<HttpError>& error) {
+  if (!error) {
+    log("LogEntries - success");
+  } else {
+    log(fmt::format("LogEntries received error: {}", error->localizedDescription));
+  }
+}
+
+}  // namespace qs

@@ -1,0 +1,92 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "activity/AppActivity.h"
+#include "collector/CollectorRequest.h"
+#include "collector/QSCookie.h"
+#include "manager/QSReachability.h"
+#include "network/QSGetOperation.h"
+#include "quarrystone/platform/Platform.h"
+
+namespace qs {
+
+class QSManager;
+
+// The session orchestrator: turns every trigger (start, wake-up, return to
+// the foreground, captcha solved, renewal, retry, challenge) into one
+// activity for the collector exchange, and keeps the single pending timer.
+// Called from the host's thread, the main thread and the network completion
+// thread; timers are always scheduled and fire on the main thread.
+class QSManagerHelper : public CollectorRequestDelegate,
+                        public QSGetOperationDelegate,
+                        public std::enable_shared_from_this<QSManagerHelper> {
+ public:
+  // Builds the orchestrator with its collector exchange, starts watching
+  // reachability and observes the will-enter-foreground notification.
+  static std::shared_ptr<QSManagerHelper> create(std::weak_ptr<QSManager> manager,
+                                                 const Platform& platform,
+                                                 std::shared_ptr<QSStorage> storage,
+                                                 std::shared_ptr<QSUtils> utils,
+                                                 std::shared_ptr<QSUUID> uuid,
+                                                 std::shared_ptr<QSNetworkManager> network);
+  ~QSManagerHelper() override;
+
+  bool hasNetwork() const { return hasNetwork_.load(); }
+  std::shared_ptr<Timer> timer() const;
+  CollectorRequest& collectorRequest() const { return *collectorRequest_; }
+  QSReachability* reachability() const { return reachability_.get(); }
+
+  void setUpRechability();
+  void handleNetworkChange(const Notification& notification);
+  void sendAppActivity(QSAppState state);
+  void handleBGtoFG();
+  void sendNewSessionActivity();
+  void sendAppIdleActivity();
+  void handleChallenge(const QSChallenge& challenge) override;
+
+  // Renewal: an idle activity at the cookie's fire date (at once if passed).
+  void setTimerForTokenRenew(const QSCookie& cookie);
+  void setTimerForAppIdleActivity(double seconds);
+  void setTimerForAppInitActivity();
+  void resetTimer();
+
+  // Client error reports: a fire-and-forget GET to the collector host.
+  void reportError(const std::string& message);
+  std::optional<std::string> prepareErrorData(const std::string& message);
+  void taskCompletedWith(const std::optional<std::string>& data,
+                         const std::optional<HttpResponse>& response,
+                         const std::optional<HttpError>& error) override;
+
+  // Letters, digits and !$&'()*+,-.:;=[]_~ stay; every other byte is %XX.
+  static std::string percentEncodeHostAllowed(std::string_view text);
+
+ private:
+  QSManagerHelper(std::weak_ptr<QSManager> manager, Platform platform,
+                  std::shared_ptr<QSStorage> storage, std::shared_ptr<QSUtils> utils,
+                  std::shared_ptr<QSUUID> uuid, std::shared_ptr<QSNetworkManager> network);
+  void scheduleTimer(double seconds, void (QSManagerHelper::*target)());
+  std::string appId() const;
+  void log(const std::string& line) const { platform_.log->write(line); }
+
+  const std::weak_ptr<QSManager> manager_;
+  const Platform platform_;
+  const std::shared_ptr<QSStorage> storage_;
+  const std::shared_ptr<QSUtils> utils_;
+  const std::shared_ptr<QSUUID> uuid_;
+  const std::shared_ptr<QSNetworkManager> network_;
+  std::shared_ptr<CollectorRequest> collectorRequest_;
+  std::unique_ptr<QSReachability> reachability_;
+  std::atomic<bool> hasNetwork_{false};
+  NotificationCenter::Token reachabilityObserver_ = 0;
+  NotificationCenter::Token foregroundObserver_ = 0;
+
+  mutable std::mutex timerMutex_;
+  std::shared_ptr<Timer> timer_;  // guarded by timerMutex_
+};
+
+}  // namespace qs

@@ -1,0 +1,157 @@
+#include "quarrystone/QSManager.h"
+
+#include "CoreFixture.h"
+#include "quarrystone/QSFieldsMapping.h"
+
+namespace qs::testing {
+namespace {
+
+class QSManagerTest : public CoreTest {
+ protected:
+  void storeCookie(const std::string& name, const std::string& token, double ttl) {
+    manager->storage()->saveCookie(QSCookie(name, token, Value(ttl), fake.clock->now()));
+  }
+};
+
+TEST_F(QSManagerTest, StartWithoutDelegateRaisesAndSendsNothing) {
+  auto bare = QSManager::create(fake.platform(), settings);
+  try {
+    bare->startWith("app1");
+    FAIL() << "expected the missing-delegate exception";
+  } catch (const QSMissingDelegateException& e) {
+    EXPECT_STREQ(e.name(), "QSManagerDelegate is missing");
+    EXPECT_STREQ(e.reason(), "Make sure you set the QSManagerDelegate before calling startWith:");
+  }
+  EXPECT_EQ(bare->appId(), "");
+  EXPECT_EQ(fake.http->requestCount(), 0u);
+
+  // A delegate that has gone away counts as missing.
+  auto gone = std::make_shared<RecordingDelegate>();
+  bare->setDelegate(gone);
+  gone.reset();
+  EXPECT_THROW(bare->startWith("app1"), QSMissingDelegateException);
+}
+
+TEST_F(QSManagerTest, HeadersFollowTheStoredCookieAndDebugFlags) {
+  manager->setForceBlock(true);
+  EXPECT_EQ(manager->httpHeaders(), (HeaderMap{{"X-QS-AUTHORIZATION", "1"}}));
+
+  storeCookie("_qs3", "T", 100);
+  manager->setForceCaptcha(true);
+  EXPECT_EQ(manager->httpHeaders(),
+            (HeaderMap{{"X-QS-AUTHORIZATION", "3:T"}, {"X-QS-SIMULATE", "block"}}));
+  manager->setForceBlock(false);
+  EXPECT_EQ(manager->httpHeaders().at("X-QS-SIMULATE"), "captcha");
+  manager->resetDebugSettings();
+  EXPECT_EQ(manager->httpHeaders(), (HeaderMap{{"X-QS-AUTHORIZATION", "3:T"}}));
+
+  // Valid up to and including its fire date (80 of 100 s), then "1" again.
+  fake.clock->advance(80);
+  EXPECT_EQ(manager->httpHeaders().at("X-QS-AUTHORIZATION"), "3:T");
+  fake.clock->advance(0.001);
+  EXPECT_EQ(manager->httpHeaders().at("X-QS-AUTHORIZATION"), "1");
+
+  storeCookie("_QS3", "U", 100);
+  EXPECT_EQ(manager->httpHeaders().at("X-QS-AUTHORIZATION"), "18446744073709551615:U");
+}
+
+TEST_F(QSManagerTest, HeadersAreAppliedToRequestsAndConfigurations) {
+  storeCookie("_qs2", "T", 100);
+  manager->setForceBlock(true);
+
+  URLRequest request;
+  request.headers = {{"x-qs-authorization", "old"}, {"Accept", "text/plain"}};
+  manager->setHeadersForRequest(request);
+  EXPECT_EQ(request.headers.size(), 3u);
+  EXPECT_EQ(*request.valueForHTTPHeaderField("X-QS-AUTHORIZATION"), "2:T");
+  EXPECT_EQ(*request.valueForHTTPHeaderField("accept"), "text/plain");
+
+  // Each header replaces the configuration's whole set: only the last stays.
+  URLSessionConfiguration configuration;
+  configuration.httpAdditionalHeaders = {{"Accept", "text/plain"}};
+  manager->setHeadersForConfiguration(configuration);
+  EXPECT_EQ(configuration.httpAdditionalHeaders, (HeaderMap{{"X-QS-SIMULATE", "block"}}));
+}
+
+TEST_F(QSManagerTest, StateSurvivesARestartOnTheSameStore) {
+  manager->setCustomParameters(Value{{"plan", "gold"}});
+  storeCookie("_qs3", "T", 1000);
+  manager->storage()->saveVid("V1");
+
+  auto restarted = QSManager::create(fake.platform(), settings);
+  restarted->setDelegate(delegate);
+  EXPECT_EQ(restarted->httpHeaders().at("X-QS-AUTHORIZATION"), "3:T");
+  restarted->startWith("app1");
+  auto post = lastPost();
+  EXPECT_EQ(post.form["vid"], "V1");
+  EXPECT_EQ(post.details()["plan"], "gold");
+
+  restarted->setCustomParameters(Value::object());
+  EXPECT_FALSE(restarted->storage()->getCustomParams().has_value());
+}
+
+TEST_F(QSManagerTest, DebugTokensRestartTheExchangeWithoutASession) {
+  manager->startWith("app1");
+  manager->storage()->saveSid("S1");
+  manager->forceCaptchaToken();
+  EXPECT_TRUE(manager->forceCaptcha());
+  EXPECT_FALSE(manager->storage()->getSid().has_value());
+  auto post = lastPost();
+  EXPECT_EQ(post.details()[QSFM_APP_STATE], "new_session");
+  EXPECT_EQ(post.form.count("sid"), 0u);
+  EXPECT_EQ(fake.http->requestCount(), 2u);
+}
+
+TEST_F(QSManagerTest, MisusedBlockHandlingIsReportedNotShown) {
+  manager->startWith("ABC");
+  struct Host : ViewController {} host;
+
+  auto foreign = manager->checkError(Value::object());
+  ASSERT_NE(foreign, nullptr);
+  EXPECT_EQ(foreign->type(), QSBlockResponseTypeForeign);
+
+  manager->handleBlockResponse(nullptr, host);
+  manager->handleBlockResponse(foreign, host);
+
+  std::vector<std::string> reported;
+  for (const auto& r : fake.http->requests()) {
+    if (r.method != "GET") continue;
+    const std::string prefix = "https://collector-ABC.test/api/v1/collector/clientError?r=";
+    ASSERT_EQ(r.url.rfind(prefix, 0), 0u) << r.url;
+    std::string encoded = r.url.substr(prefix.size());
+    // Colons and commas stay; braces and quotes are escaped.
+    EXPECT_NE(encoded.find("%7B%22message%22:"), std::string::npos) << encoded;
+    std::string decoded;
+    for (std::size_t i = 0; i < encoded.size(); ++i) {
+      if (encoded[i] == '%') {
+        decoded.push_back(static_cast<char>(std::stoi(encoded.substr(i + 1, 2), nullptr, 16)));
+        i += 2;
+      } else {
+        decoded.push_back(encoded[i]);
+      }
+    }
+    Value record = Value::parse(decoded);
+    EXPECT_EQ(record.size(), 4u);
+    EXPECT_EQ(record["appId"], "ABC");
+    EXPECT_EQ(record["sdk_version"], "0.4.0");
+    EXPECT_EQ(record["tag"], manager->networkManager()->userAgent());
+    reported.push_back(record["message"]);
+  }
+  EXPECT_EQ(reported,
+            (std::vector<std::string>{
+                "QS Error - call handleBlock() only after you pass the responseJson via "
+                "checkError() method",
+                "QS Error - call handleBlock() only if block response type belongs to Quarrystone"}));
+
+  // The report's outcome is only logged; an HTTP error status is a success.
+  fake.http->respondNext(fake::FakeReply::json("oops", 500));  // the collector POST
+  fake.http->respondNext(fake::FakeReply::json("oops", 500));
+  fake.http->respondNext(fake::FakeReply::failure(HttpError::Code::NotConnected,
+                                                  "The Internet connection appears to be offline."));
+  EXPECT_EQ(fake.log->count("LogEntries - success"), 1u);
+  EXPECT_TRUE(fake.log->contains(
+      "LogEntries received error: The Internet connection appears to be offline."));
+}
+
+}  // namespace
+}  // namespace qs::testing

@@ -1,0 +1,64 @@
+#include "manager/QSReachability.h"
+
+#include <gtest/gtest.h>
+
+#include "FakePlatform.h"
+#include "quarrystone/Constants.h"
+
+namespace qs {
+namespace {
+
+TEST(QSReachabilityTest, ClassifiesFlagsAndLogsThemAsLetters) {
+  fake::FakePlatform fake;
+  auto monitor = QSReachability::reachabilityForInternetConnection(fake.platform());
+  ASSERT_NE(monitor, nullptr);
+  constexpr std::uint32_t R = kReachabilityFlagsReachable, c = kReachabilityFlagsConnectionRequired,
+                          C = kReachabilityFlagsConnectionOnTraffic,
+                          i = kReachabilityFlagsInterventionRequired,
+                          W = kReachabilityFlagsIsWWAN, d = kReachabilityFlagsIsDirect;
+  EXPECT_EQ(monitor->networkStatusForFlags(0), QSNetworkStatusNotReachable);
+  EXPECT_EQ(monitor->networkStatusForFlags(R), QSNetworkStatusViaWiFi);
+  EXPECT_EQ(monitor->networkStatusForFlags(R | c), QSNetworkStatusNotReachable);
+  EXPECT_EQ(monitor->networkStatusForFlags(R | c | C), QSNetworkStatusViaWiFi);
+  EXPECT_EQ(monitor->networkStatusForFlags(R | c | C | i), QSNetworkStatusNotReachable);
+  EXPECT_EQ(monitor->networkStatusForFlags(R | W | c), QSNetworkStatusViaWWAN);
+
+  fake.log->clear();
+  monitor->networkStatusForFlags(R | d);
+  EXPECT_EQ(fake.log->lines(),
+            std::vector<std::string>{"Reachability Flag Status: -R ------d networkStatusForFlags"});
+}
+
+TEST(QSReachabilityTest, PostsChangesOnlyWhileScheduledAndToleratesPlatformFailures) {
+  fake::FakePlatform fake;
+  int posted = 0;
+  const void* object = nullptr;
+  fake.notifications->addObserver(kQSReachabilityChangedNotification,
+                                  [&](const Notification& n) {
+                                    ++posted;
+                                    object = n.object;
+                                  });
+  auto monitor = QSReachability::reachabilityWithHostName(fake.platform(), "example.test");
+  ASSERT_TRUE(monitor->startNotifier());
+  fake.reachability->setFlags(0);
+  EXPECT_EQ(posted, 1);
+  EXPECT_EQ(object, monitor.get());
+  monitor->stopNotifier();
+  fake.reachability->setFlags(kReachabilityFlagsReachable);
+  EXPECT_EQ(posted, 1);
+
+  // Unreadable flags: not reachable, nothing logged.
+  fake.reachability->setFlagsReadable(false);
+  fake.log->clear();
+  EXPECT_EQ(monitor->currentReachabilityStatus(), QSNetworkStatusNotReachable);
+  EXPECT_FALSE(monitor->connectionRequired());
+  EXPECT_TRUE(fake.log->lines().empty());
+
+  fake.reachability->setCanSetCallback(false);
+  EXPECT_FALSE(monitor->startNotifier());
+  fake.reachability->setCanCreateTargets(false);
+  EXPECT_EQ(QSReachability::reachabilityForInternetConnection(fake.platform()), nullptr);
+}
+
+}  // namespace
+}  // namespace qs

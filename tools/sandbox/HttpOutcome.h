@@ -1,0 +1,20 @@
+#pragma once
+
+#include <string>
+
+#include "quarrystone/Value.h"
+
+namespace qs::sandbox {
+
+// One answer of the sandbox, decided without any network: the HTTP layer
+// applies it and then writes `event` to the event log.
+struct HttpOutcome {
+  int status = 200;
+  std::string body;
+  std::string contentType = "application/json";
+  double delaySeconds = 0;      // wait this long before answering
+  bool dropConnection = false;  // send the headers, then close without a body
+  Value event;                  // one JSON line for the event log; null logs nothing
+};
+
+}  // namespace qs::sandbox
