@@ -1,13 +1,21 @@
 #include "QsCommands.h"
 
 #include <charconv>
+#include <cstdlib>
+#include <filesystem>
 #include <unordered_map>
 
 #include <fmt/format.h>
 
+#include "activity/AppActivity.h"
+#include "activity/QSUUID.h"
+#include "activity/QSUtils.h"
 #include "collector/CollectorResponse.h"
+#include "collector/QSStorage.h"
 #include "crypto/Base64.h"
 #include "crypto/SHA256_CBC.h"
+#include "quarrystone/Constants.h"
+#include "quarrystone/LinuxPlatform.h"
 #include "quarrystone/QSFieldsMapping.h"
 
 namespace qs::tool {
@@ -176,8 +184,64 @@ CommandResult inspectCommand(std::string_view input, std::string_view key) {
   return {0, pretty(out), ""};
 }
 
-CommandResult runQs(std::span<const std::string> args, const InputReader& readInput,
-                    const ActivityBuilder& buildActivity) {
+namespace {
+
+// The library's diagnostic lines are not the tool's output.
+class SilentLog final : public Log {
+ public:
+  void write(std::string_view) override {}
+};
+
+// A private directory under the system's temporary directory, removed with
+// everything in it when this goes out of scope.
+class TemporaryDirectory {
+ public:
+  TemporaryDirectory() {
+    std::error_code ec;
+    std::filesystem::path base = std::filesystem::temp_directory_path(ec);
+    if (ec) base = "/tmp";
+    std::string pattern = (base / "qs-activity-XXXXXX").string();
+    if (mkdtemp(pattern.data()) != nullptr) path_ = pattern;
+  }
+  ~TemporaryDirectory() {
+    std::error_code ignored;
+    if (!path_.empty()) std::filesystem::remove_all(path_, ignored);
+  }
+  TemporaryDirectory(const TemporaryDirectory&) = delete;
+  TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
+  // Empty when the directory could not be made.
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+}  // namespace
+
+CommandResult activityCommand(long state) {
+  TemporaryDirectory directory;
+  if (directory.path().empty()) {
+    return failure("qs activity: cannot make a temporary directory for the store");
+  }
+  Value activity;
+  {
+    DeploymentSettings settings = DeploymentSettings::fromEnvironment();
+    settings.storePath = directory.path() + "/store.sqlite";
+    LinuxPlatformOptions options;
+    options.bundle.name = "qs";
+    options.bundle.shortVersion = QS_SDK_VERSION;
+    options.bundle.identifier = "qs";
+    options.log = std::make_shared<SilentLog>();
+    Platform platform = makeLinuxPlatform(settings, std::move(options));
+    auto storage = std::make_shared<QSStorage>(platform.store, platform.archiver, platform.log);
+    QSUtils utils(platform, storage);
+    QSUUID uuid(platform.device);
+    activity = AppActivity(platform, *storage, utils, uuid).collectActivityData(state);
+  }
+  return {0, pretty(activity), ""};
+}
+
+CommandResult runQs(std::span<const std::string> args, const InputReader& readInput) {
   if (args.empty()) return usageError("no command");
   const std::string& command = args[0];
   if (command == "help" || command == "-h" || command == "--help") return {0, kUsage, ""};
@@ -218,11 +282,7 @@ CommandResult runQs(std::span<const std::string> args, const InputReader& readIn
     if (ec != std::errc() || ptr != state->data() + state->size() || n < 0 || n > 3) {
       return usageError("--state takes 0, 1, 2 or 3");
     }
-    if (!buildActivity) return failure("qs activity: this build has no activity builder");
-    std::string error;
-    auto activity = buildActivity(n, &error);
-    if (!activity) return failure("qs activity: " + error);
-    return {0, pretty(*activity), ""};
+    return activityCommand(n);
   }
 
   const std::string input = readInput();

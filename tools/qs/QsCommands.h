@@ -1,7 +1,6 @@
 #pragma once
 
 #include <functional>
-#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -21,15 +20,10 @@ struct CommandResult {
 // Reads all of standard input; called only by commands that take input.
 using InputReader = std::function<std::string()>;
 
-// Builds an app activity of the given state on this machine; nullopt with a
-// reason in *error when it cannot. Left empty when the tool has no builder.
-using ActivityBuilder = std::function<std::optional<Value>(long state, std::string* error)>;
-
 // Runs `qs` with its arguments (without the program name). Bad arguments
 // give the usage text on stderr and status 2; a failed command status 1 and
 // a one-line reason.
-CommandResult runQs(std::span<const std::string> args, const InputReader& readInput,
-                    const ActivityBuilder& buildActivity = {});
+CommandResult runQs(std::span<const std::string> args, const InputReader& readInput);
 
 // The commands themselves, on their input.
 CommandResult encryptCommand(std::string_view input, std::string_view key);
@@ -37,6 +31,10 @@ CommandResult decryptCommand(std::string_view input, std::string_view key);
 CommandResult fieldsCommand();
 CommandResult parseCommand(std::string_view input);
 CommandResult inspectCommand(std::string_view input, std::string_view key);
+// Builds the app activity of `state` (0 to 3) on the Linux platform of this
+// machine, over a temporary store that is removed afterwards, so that the
+// host's persisted state is neither read nor changed.
+CommandResult activityCommand(long state);
 
 // `value` with field codes shown with their constant names: the "t" value of
 // each record and the keys of its "d" map, as "QS320 (QSFM_DEVICE_MODEL)".

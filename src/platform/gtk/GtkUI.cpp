@@ -135,8 +135,12 @@ void GtkUI::dismiss(ViewController& controller, bool animated) {
   it = find(controller);  // viewWillDisappear may have changed the list
   if (it == presented_.end()) return;
   Presented entry = remove(it);
+  if (entry.content) entry.content->close();
   gtk_widget_set_visible(GTK_WIDGET(entry.window), FALSE);
-  g_idle_add(destroyRetired, new Retired{entry.window, std::move(entry.controller)});
+  // Cut off from its parent now: the parent may be gone before the idle runs.
+  gtk_window_set_transient_for(entry.window, nullptr);
+  g_idle_add_full(G_PRIORITY_DEFAULT, destroyRetired,
+                  new Retired{entry.window, std::move(entry.controller)}, nullptr);
 }
 
 gboolean GtkUI::onCloseRequest(GtkWindow* window, gpointer self) {
@@ -157,6 +161,7 @@ void GtkUI::onDestroy(GtkWidget* window, gpointer self) {
   controller->viewWillDisappear(false);
   if (it = ui->findWindow(GTK_WINDOW(window)); it != ui->presented_.end()) {
     Presented entry = ui->remove(it);
+    if (entry.content) entry.content->close();
     g_object_unref(entry.window);
   }
 }

@@ -49,7 +49,15 @@ void GtkWebView::applyUserAgent() {
   webkit_settings_set_user_agent(webkit_web_view_get_settings(view_), text);
 }
 
+void GtkWebView::close() {
+  if (closed_) return;
+  decide_ = nullptr;
+  loadHTMLString("", "about:blank");  // stops the page's scripts
+  closed_ = true;
+}
+
 void GtkWebView::loadHTMLString(const std::string& html, const std::string& baseUrl) {
+  if (closed_) return;
   if (deciding_) {
     // Loading from inside "decide-policy" would race the answer to the
     // navigation being decided; start it right after that answer instead.

@@ -28,6 +28,10 @@ class GtkWebView final : public WebView, public std::enable_shared_from_this<Gtk
   // Called from within a decision, the load starts once the decision is given.
   void loadHTMLString(const std::string& html, const std::string& baseUrl) override;
 
+  // Ends the page when its controller leaves the screen: the decision is
+  // dropped, the document replaced by an empty one, later loads ignored.
+  void close();
+
   // The widget; owned by this object (one reference), valid while it lives.
   WebKitWebView* widget() const { return view_; }
   Rect frame() const { return frame_; }
@@ -44,6 +48,7 @@ class GtkWebView final : public WebView, public std::enable_shared_from_this<Gtk
   gulong decideHandler_ = 0;
   ShouldStartLoad decide_;
   bool deciding_ = false;
+  bool closed_ = false;
   std::optional<std::pair<std::string, std::string>> pendingLoad_;  // html, base URL
 };
 
