@@ -65,7 +65,9 @@ TEST(CollectorCorpus, EveryInputEndsInADefinedOutcome) {
       EXPECT_DOUBLE_EQ(x.fake.mainLoop->nextFireTime(), x.fake.clock->now() + 60);
       EXPECT_EQ(x.fake.log->contains("CollectorRequest received error"), !parsed);
     }
-    if (parsed && parsed->sid()) EXPECT_EQ(x.manager->storage()->getSid(), parsed->sid());
+    if (parsed && parsed->sid()) {
+      EXPECT_EQ(x.manager->storage()->getSid(), parsed->sid());
+    }
   }
   EXPECT_GE(inputs, 5u);
 }
