@@ -83,11 +83,12 @@ TEST(EndToEnd, DemoFlowAsTheSandboxSawIt) {
   ASSERT_NE(sandbox.port(), 0) << sandbox.output();
   const DeploymentSettings settings = sandbox.settings((dir.path() / "store.sqlite").string());
 
-  ChildProcess host({"xvfb-run", "-a", demo, "--expect-renewal", "--timeout", "60"},
-                    {"QS_COLLECTOR_HOST_PATTERN=" + settings.collectorHostPattern,
-                     "QS_WEB_DOMAIN=" + settings.webDomain, "QS_CA_FILE=" + settings.caFile,
-                     "QS_STORE_PATH=" + settings.storePath, "GSK_RENDERER=cairo", "GTK_A11Y=none",
-                     "NO_AT_BRIDGE=1"},
+  std::vector<std::string> env = sanitizerEnvironment(dir.path());
+  env.insert(env.end(), {"QS_COLLECTOR_HOST_PATTERN=" + settings.collectorHostPattern,
+                         "QS_WEB_DOMAIN=" + settings.webDomain, "QS_CA_FILE=" + settings.caFile,
+                         "QS_STORE_PATH=" + settings.storePath, "GSK_RENDERER=cairo",
+                         "GTK_A11Y=none", "NO_AT_BRIDGE=1"});
+  ChildProcess host({"xvfb-run", "-a", demo, "--expect-renewal", "--timeout", "60"}, env,
                     (dir.path() / "demo.out").string());
   ASSERT_TRUE(host.started());
   const auto status = host.waitExit(240);
