@@ -1,0 +1,76 @@
+// Every input of the collector-answer fuzz corpus, given to the collector
+// exchange as the answer to a first new-session request. Whatever the bytes,
+// the exchange ends in one of its defined outcomes, and the one the parser's
+// reading of the same bytes calls for.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "CoreFixture.h"
+#include "SandboxProcess.h"
+#include "activity/QSUtils.h"
+#include "collector/CollectorResponse.h"
+#include "quarrystone/QSFieldsMapping.h"
+
+namespace qs::testing {
+namespace {
+
+// One fresh manager per input, so that no outcome leaks into the next.
+struct Exchange : CoreTest {
+  using CoreTest::collectorPosts;
+  using CoreTest::delegate;
+  using CoreTest::fake;
+  using CoreTest::manager;
+  void TestBody() override {}
+};
+
+TEST(CollectorCorpus, EveryInputEndsInADefinedOutcome) {
+  const std::filesystem::path corpus = envOr("QS_FUZZ_CORPUS");
+  if (corpus.empty()) GTEST_SKIP() << "QS_FUZZ_CORPUS is not set";
+  std::size_t inputs = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(corpus)) {
+    const std::string body = readFile(entry.path());
+    SCOPED_TRACE(entry.path().filename().string() + ": " + body);
+    ++inputs;
+    Exchange x;
+    x.manager->startWith("corpus-app");
+    ASSERT_EQ(x.fake.http->pendingCount(), 1u);
+    x.fake.http->respondNext(fake::FakeReply::json(body));
+    x.fake.mainLoop->runUntilIdle();
+
+    const auto parsed = CollectorResponse::initWithCollectorResponse(
+        QSUtils::dictionaryFromData(body), x.fake.clock->now(), nullptr);
+    const auto calls = x.delegate->calls();
+    const auto posts = x.collectorPosts();
+    if (parsed && parsed->challenge()) {
+      // Answered at once, the host not told yet.
+      ASSERT_EQ(posts.size(), 2u);
+      EXPECT_EQ(posts[1].type(), QSFM_APP_CHALLENGE);
+      EXPECT_TRUE(calls.empty());
+      continue;
+    }
+    ASSERT_EQ(posts.size(), 1u);
+    ASSERT_EQ(calls.size(), 1u);
+    EXPECT_EQ(calls[0].kind, "managerReady");
+    if (parsed && parsed->cookie()) {
+      // A new token: the host gets its header, renewal at 80% of its life.
+      EXPECT_EQ(calls[0].headers.at("X-QS-AUTHORIZATION"),
+                std::to_string(QSCookie::cookieLevelFrom(parsed->cookie()->name())) + ":" +
+                    parsed->cookie()->token());
+      EXPECT_EQ(x.fake.mainLoop->pendingTimerCount(), 1u);
+    } else {
+      // Nothing new, or a command too short to read (a failed exchange):
+      // the no-token header and a new session a minute later.
+      EXPECT_EQ(calls[0].headers, (HeaderMap{{"X-QS-AUTHORIZATION", "1"}}));
+      EXPECT_DOUBLE_EQ(x.fake.mainLoop->nextFireTime(), x.fake.clock->now() + 60);
+      EXPECT_EQ(x.fake.log->contains("CollectorRequest received error"), !parsed);
+    }
+    if (parsed && parsed->sid()) {
+      EXPECT_EQ(x.manager->storage()->getSid(), parsed->sid());
+    }
+  }
+  EXPECT_GE(inputs, 5u);
+}
+
+}  // namespace
+}  // namespace qs::testing
