@@ -536,7 +536,14 @@ class CurlHttpClient final : public HttpClient {
 std::shared_ptr<HttpClient> makeCurlHttpClient(const std::string& caFile,
                                                std::shared_ptr<Log> log) {
   static std::once_flag once;
-  std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+  std::call_once(once, [] {
+    // The process-wide manager lives until the process ends, so its network
+    // thread may still be inside a TLS handshake while exit handlers run.
+    // OpenSSL must therefore not free its global state at exit.
+    OPENSSL_init_ssl(OPENSSL_INIT_NO_ATEXIT, nullptr);
+    OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
+    curl_global_init(CURL_GLOBAL_DEFAULT);
+  });
   if (!log) log = makeStderrLog();
   return std::make_shared<CurlHttpClient>(std::make_shared<CurlEngine>(caFile, std::move(log)));
 }
