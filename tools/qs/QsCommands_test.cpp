@@ -6,12 +6,6 @@
 
 #include "crypto/SHA256_CBC.h"
 
-// GLib synchronises its type system with futexes that ThreadSanitizer cannot
-// see; the activity test starts the GLib main loop and network monitor.
-extern "C" const char* __tsan_default_suppressions() {
-  return "race:libgobject-2.0.so\nrace:libglib-2.0.so\nrace:libgio-2.0.so\n";
-}
-
 namespace qs::tool {
 namespace {
 
