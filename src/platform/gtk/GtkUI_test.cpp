@@ -23,19 +23,6 @@ extern "C" const char* __lsan_default_suppressions() {
   return "leak:libfontconfig.so\nleak:libjavascriptcoregtk-6.0.so\n";
 }
 
-// The GLib, GTK and WebKit libraries are not built for the thread checker:
-// it cannot see their own locking, so their memory accesses are not checked.
-extern "C" const char* __tsan_default_suppressions() {
-  return "race:libglib-2.0.so\n"
-         "race:libgobject-2.0.so\n"
-         "race:libgio-2.0.so\n"
-         "race:libgtk-4.so\n"
-         "race:libpango-1.0.so\n"
-         "race:libfontconfig.so\n"
-         "race:libwebkitgtk-6.0.so\n"
-         "race:libjavascriptcoregtk-6.0.so\n";
-}
-
 namespace qs {
 namespace {
 
