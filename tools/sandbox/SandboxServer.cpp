@@ -143,7 +143,13 @@ void SandboxServer::routes() {
       });
 
   s.Post("/api/v1/collector/mobile", [this](const httplib::Request& req, httplib::Response& res) {
-    apply(collector_->collect(req.body, req.get_header_value("X-QS-SIMULATE")), res);
+    HttpOutcome outcome = collector_->collect(req.body, req.get_header_value("X-QS-SIMULATE"));
+    // The client's address and port name its connection: requests that share
+    // one came over one TLS handshake.
+    if (outcome.event.is_object()) {
+      outcome.event["peer"] = fmt::format("{}:{}", req.remote_addr, req.remote_port);
+    }
+    apply(outcome, res);
   });
   s.Get("/api/v1/collector/clientError",
         [this](const httplib::Request& req, httplib::Response& res) {
