@@ -6,12 +6,12 @@
 // not change is served without touching the store or the archive.
 #include <benchmark/benchmark.h>
 
+#include <unistd.h>
 #include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <string>
-#include <unistd.h>
 
 #include "FakePlatform.h"
 #include "activity/AppActivity.h"
@@ -118,8 +118,7 @@ void BM_HttpHeaders(benchmark::State& state) {
   }
 
   const auto perCall = [&](std::uint64_t count) {
-    return benchmark::Counter(static_cast<double>(count),
-                              benchmark::Counter::kAvgIterations);
+    return benchmark::Counter(static_cast<double>(count), benchmark::Counter::kAvgIterations);
   };
   state.counters["store_reads"] = perCall(setup.store->reads.load() - reads);
   state.counters["unarchives"] = perCall(setup.archiver->unarchives.load() - unarchives);
@@ -140,9 +139,7 @@ struct ActivitySetup {
                             *setup.manager->uuid());
     activity = builder.collectActivityData(qs::QSAppStateNewSession);
   }
-  qs::CollectorRequest& request() {
-    return setup.manager->managerHelper().collectorRequest();
-  }
+  qs::CollectorRequest& request() { return setup.manager->managerHelper().collectorRequest(); }
 
   ManagerSetup setup;
   qs::Value activity;

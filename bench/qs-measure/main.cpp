@@ -39,6 +39,8 @@
 #include <thread>
 #include <vector>
 
+#include <fmt/format.h>
+
 #include "manager/QSManagerHelper.h"
 #include "quarrystone/LinuxPlatform.h"
 #include "quarrystone/QSManager.h"
@@ -60,6 +62,7 @@ struct Options {
   int port = 0;
   std::string appId;
   std::string store;
+  bool trace = false;  // the library's log lines, with times, in the report
 };
 
 // ---------------------------------------------------------------- child ---
@@ -68,8 +71,10 @@ struct Options {
 class MemoryLog final : public qs::Log {
  public:
   void write(std::string_view line) override {
+    const double ms =
+        std::chrono::duration<double, std::milli>(SteadyClock::now() - start_).count();
     std::lock_guard lock(mutex_);
-    lines_.emplace_back(line);
+    lines_.push_back(fmt::format("[{:8.2f} ms] {}", ms, line));
   }
   std::vector<std::string> lines() const {
     std::lock_guard lock(mutex_);
@@ -77,6 +82,7 @@ class MemoryLog final : public qs::Log {
   }
 
  private:
+  const SteadyClock::time_point start_ = SteadyClock::now();
   mutable std::mutex mutex_;
   std::vector<std::string> lines_;
 };
@@ -204,14 +210,14 @@ int runChild(const Options& o) {
       auto it = idleStart.find(tid);
       const long long delta = sample.switches - (it == idleStart.end() ? 0 : it->second.switches);
       total += delta;
-      perThread += (perThread.empty() ? "" : ",") + jsonString(sample.name + "#" +
-                                                                std::to_string(tid)) +
-                   ":" + std::to_string(delta);
+      perThread += (perThread.empty() ? "" : ",") +
+                   jsonString(sample.name + "#" + std::to_string(tid)) + ":" +
+                   std::to_string(delta);
     }
-    result += ",\"idle_switches\":" + std::to_string(total) + ",\"idle_by_thread\":{" + perThread +
-              "}";
+    result +=
+        ",\"idle_switches\":" + std::to_string(total) + ",\"idle_by_thread\":{" + perThread + "}";
   }
-  if (!ready) {
+  if (!ready || o.trace) {
     std::string lines;
     for (const auto& line : log->lines()) lines += (lines.empty() ? "" : ",") + jsonString(line);
     result += ",\"log\":[" + lines + "]";
@@ -310,10 +316,10 @@ std::optional<RunResult> runOnce(const Options& o, const std::string& self, cons
                                  const std::string& dir, int index, double idleSeconds) {
   const std::string appId = "measure-" + std::to_string(getpid()) + "-" + std::to_string(index);
   const std::string store = dir + "/" + appId + ".sqlite";
-  auto spawned = spawnWithOutput({self, "--child", "--port", std::to_string(sandbox.port),
-                                  "--app-id", appId, "--store", store, "--ca", o.ca, "--idle",
-                                  std::to_string(idleSeconds), "--settle",
-                                  std::to_string(o.settleSeconds)});
+  auto spawned =
+      spawnWithOutput({self, "--child", "--port", std::to_string(sandbox.port), "--app-id", appId,
+                       "--store", store, "--ca", o.ca, "--idle", std::to_string(idleSeconds),
+                       "--settle", std::to_string(o.settleSeconds)});
   if (!spawned) return std::nullopt;
   const std::string line = readLine(spawned->second);
   std::fclose(spawned->second);
@@ -342,14 +348,15 @@ Spread spreadOf(std::vector<double> values) {
 // Runs the series against one sandbox; prints a line per run and the summary.
 bool series(const Options& o, const std::string& self, const std::string& dir, bool challenge,
             int& index, std::vector<RunResult>& results) {
-  auto sandbox = startSandbox(o, dir + (challenge ? "/challenge.jsonl" : "/direct.jsonl"), challenge);
+  auto sandbox =
+      startSandbox(o, dir + (challenge ? "/challenge.jsonl" : "/direct.jsonl"), challenge);
   if (!sandbox) {
     std::fprintf(stderr, "qs-measure: cannot start %s\n", o.sandbox.c_str());
     return false;
   }
   std::vector<double> ready;
-  std::printf("\n%s (sandbox on port %d)\n", challenge ? "With the challenge round trip"
-                                                       : "Without a challenge (--no-challenge)",
+  std::printf("\n%s (sandbox on port %d)\n",
+              challenge ? "With the challenge round trip" : "Without a challenge (--no-challenge)",
               sandbox->port);
   // One run before the series warms the page cache for the binaries and the
   // CA files; it is reported but not counted.
@@ -360,11 +367,12 @@ bool series(const Options& o, const std::string& self, const std::string& dir, b
       continue;
     }
     const double ms = run->child.value("ready_ms", 0.0);
-    std::printf("  run %2d: ready after %7.2f ms, token %s, %zu requests over %zu connection(s), "
-                "%d library thread(s) at rest %s%s\n",
-                i + 1, ms, run->child.value("token", false) ? "yes" : "NO", run->requests,
-                run->connections, run->child.value("threads", 0),
-                run->child["thread_names"].dump().c_str(), i < 0 ? " (warm-up)" : "");
+    std::printf(
+        "  run %2d: ready after %7.2f ms, token %s, %zu requests over %zu connection(s), "
+        "%d library thread(s) at rest %s%s\n",
+        i + 1, ms, run->child.value("token", false) ? "yes" : "NO", run->requests, run->connections,
+        run->child.value("threads", 0), run->child["thread_names"].dump().c_str(),
+        i < 0 ? " (warm-up)" : "");
     if (i < 0) continue;
     ready.push_back(ms);
     results.push_back(std::move(*run));
@@ -436,6 +444,8 @@ bool parse(int argc, char** argv, Options& o) {
     bool ok = true;
     if (arg == "--child") {
       o.child = true;
+    } else if (arg == "--trace") {
+      o.trace = true;
     } else if (arg == "--runs") {
       ok = take(o.runs) && o.runs > 0;
     } else if (arg == "--idle") {

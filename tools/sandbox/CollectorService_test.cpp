@@ -178,9 +178,9 @@ TEST_F(CollectorServiceTest, WithoutChallengesANewSessionIsTokenedAtOnce) {
   EXPECT_EQ(signer.verify(r.cookie()->token(), now).claims.vid, *r.vid());
   EXPECT_EQ(o.event["decision"], "new_session");
   // A challenge answer is still checked as before.
-  EXPECT_EQ(direct.collect(body(answer(QSChallenge("", "", "", "")), "&sid=S"), "")
-                .event["decision"],
-            "challenge_failed");
+  EXPECT_EQ(
+      direct.collect(body(answer(QSChallenge("", "", "", "")), "&sid=S"), "").event["decision"],
+      "challenge_failed");
 }
 
 TEST_F(CollectorServiceTest, MalformedRequestsAreRefusedWith400) {
