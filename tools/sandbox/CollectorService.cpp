@@ -177,6 +177,10 @@ CollectorService::Decision CollectorService::decide(const Activity& a, std::stri
       decision.answer.push_back(bake(a, vid, simulate, now));
       decision.name = "challenge_passed";
     }
+  } else if (newSession && (a.type == kAppInit || a.type == kAppIdle) &&
+             !settings_.challengeNewSessions) {
+    decision.answer.push_back(bake(a, vid, simulate, now));
+    decision.name = "new_session";
   } else if (newSession && (a.type == kAppInit || a.type == kAppIdle)) {
     const auto timestamp = static_cast<std::int64_t>(std::floor(now));
     const std::string uuid = SandboxCodec::uuid4();

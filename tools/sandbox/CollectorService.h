@@ -18,6 +18,8 @@ struct CollectorSettings {
   double challengeMaxAgeSeconds = 300;  // older challenge answers earn no token
   double slowDelaySeconds = 7;          // the Slow mode's delay, beyond the client's 5 s
   std::size_t maxPayloadLength = 256 * 1024;
+  // False: a new session earns its token at once, without a challenge round.
+  bool challengeNewSessions = true;
 };
 
 // The collector's decisions: decrypts and checks each activity, answers with

@@ -166,6 +166,23 @@ TEST_F(CollectorServiceTest, SimulateHeaderMarksTheBakedToken) {
   EXPECT_EQ(signer.verify(parse(odd).cookie().value().token(), now).claims.simulate, "");
 }
 
+TEST_F(CollectorServiceTest, WithoutChallengesANewSessionIsTokenedAtOnce) {
+  CollectorSettings settings;
+  settings.challengeNewSessions = false;
+  const CollectorService direct{signer, [this] { return now; }, settings};
+  const HttpOutcome o = direct.collect(body(appActivity("QS315", "new_session")), "");
+  const CollectorResponse r = parse(o);
+  EXPECT_TRUE(r.sid() && r.vid());
+  EXPECT_FALSE(r.challenge());
+  ASSERT_TRUE(r.cookie()) << o.body;
+  EXPECT_EQ(signer.verify(r.cookie()->token(), now).claims.vid, *r.vid());
+  EXPECT_EQ(o.event["decision"], "new_session");
+  // A challenge answer is still checked as before.
+  EXPECT_EQ(
+      direct.collect(body(answer(QSChallenge("", "", "", "")), "&sid=S"), "").event["decision"],
+      "challenge_failed");
+}
+
 TEST_F(CollectorServiceTest, MalformedRequestsAreRefusedWith400) {
   const auto payloadOf = [](const std::string& json) {
     return "payload=" + encrypt(json, "APP") + "&appId=APP";

@@ -31,6 +31,7 @@ over HTTPS on 127.0.0.1 for the demo and the end-to-end tests.
                     later with: POST /sandbox/mode with the mode as body
   --log PATH        append every event as one JSON line to PATH ("-": stdout)
   --autosolve       every captcha page solves itself after about a second
+  --no-challenge    a new session gets its token at once, without a challenge
   --secret TEXT     signing secret (default: random, tokens die with the run)
   --cert PEM        server certificate (default <certs>/server.pem)
   --key PEM         server key (default <certs>/server.key)
@@ -63,6 +64,8 @@ Parsed<SandboxOptions> SandboxOptions::parse(int argc, const char* const* argv) 
       options.help = true;
     } else if (arg == "--autosolve") {
       c.autosolve = true;
+    } else if (arg == "--no-challenge") {
+      c.collector.challengeNewSessions = false;
     } else if (arg == "--quiet") {
       c.quiet = true;
     } else if (arg == "--port") {

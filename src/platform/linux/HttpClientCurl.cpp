@@ -17,6 +17,7 @@
 #include <cmath>
 #include <deque>
 #include <exception>
+#include <filesystem>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
@@ -189,6 +190,32 @@ class ExtraTrust {
   std::vector<X509*> certs_;
 };
 
+// The system's hashed trust directory ("<subject hash>.<n>" entries), when
+// libcurl was built with one and it is populated; empty otherwise.
+// OpenSSL 3 takes 40-60 ms to parse the whole system bundle, and libcurl
+// parses it for every new connection: most of the time a start-up exchange
+// takes. The hashed directory holds the same authorities and is read lazily,
+// only the few files a chain needs, so where it exists it replaces the bundle.
+std::string hashedTrustDirectory() {
+  const curl_version_info_data* info = curl_version_info(CURLVERSION_NOW);
+  if (info == nullptr || info->age < CURLVERSION_SEVENTH || info->capath == nullptr) return {};
+  const auto isHashName = [](const std::string& name) {
+    if (name.size() < 10 || name[8] != '.') return false;
+    for (std::size_t i = 0; i < name.size(); ++i) {
+      const auto c = static_cast<unsigned char>(name[i]);
+      if (i == 8) continue;
+      if (i < 8 ? !std::isxdigit(c) : !std::isdigit(c)) return false;
+    }
+    return true;
+  };
+  std::error_code ec;
+  for (std::filesystem::directory_iterator it(info->capath, ec), end; !ec && it != end;
+       it.increment(ec)) {
+    if (isHashName(it->path().filename().string())) return info->capath;
+  }
+  return {};
+}
+
 struct Job {
   HttpRequest request;
   HttpClient::Completion completion;
@@ -261,7 +288,7 @@ void deliver(const HttpClient::Completion& completion, Log& log, std::optional<s
 class CurlEngine : public std::enable_shared_from_this<CurlEngine> {
  public:
   CurlEngine(const std::string& caFile, std::shared_ptr<Log> log)
-      : log_(std::move(log)), trust_(caFile, *log_) {}
+      : log_(std::move(log)), trust_(caFile, *log_), trustDirectory_(hashedTrustDirectory()) {}
 
   // Any thread. Starts the network thread on first use. A request refused
   // outright (client shutting down) is completed at once on the caller's thread.
@@ -400,6 +427,10 @@ class CurlEngine : public std::enable_shared_from_this<CurlEngine> {
 
     curl_easy_setopt(e, CURLOPT_SSL_VERIFYPEER, 1L);
     curl_easy_setopt(e, CURLOPT_SSL_VERIFYHOST, 2L);
+    if (!trustDirectory_.empty()) {
+      curl_easy_setopt(e, CURLOPT_CAINFO, nullptr);
+      curl_easy_setopt(e, CURLOPT_CAPATH, trustDirectory_.c_str());
+    }
     if (!trust_.empty()) {
       // A fresh store per connection: a cached one would be shared between
       // connections and could replace the one the extra certificates went into.
@@ -507,6 +538,7 @@ class CurlEngine : public std::enable_shared_from_this<CurlEngine> {
 
   std::shared_ptr<Log> log_;
   const ExtraTrust trust_;
+  const std::string trustDirectory_;  // empty: libcurl's default bundle and directory
   std::mutex mutex_;
   CURLM* multi_ = nullptr;    // guarded by mutex_ except in run(), see there
   std::deque<Job> incoming_;  // guarded by mutex_

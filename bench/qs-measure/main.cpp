@@ -1,0 +1,486 @@
+// qs-measure: what the library costs a host on the real Linux platform, over
+// loopback HTTPS against the sandbox.
+//
+//   - time from startWith() to managerReady(), with the challenge round trip
+//     (a fresh store: new session -> challenge -> answer -> token) and without
+//     it (the sandbox started with --no-challenge);
+//   - TLS connections per process: the sandbox logs each collector request
+//     with the client's address and port, and requests that share them came
+//     over one connection, hence one full handshake;
+//   - threads of the library at rest, read from /proc/self/task;
+//   - context switches of every thread during an idle period while the
+//     renewal timer is pending, from /proc/self/task/<tid>/status.
+//
+// Every run is a child process of its own (this program with --child), so
+// each starts cold: new process, new store file, new connection.
+//
+// Usage: qs-measure [--runs N] [--idle SECONDS] [--sandbox PATH] [--ca PEM]
+#include <dirent.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <fmt/format.h>
+
+#include "manager/QSManagerHelper.h"
+#include "quarrystone/LinuxPlatform.h"
+#include "quarrystone/QSManager.h"
+
+extern char** environ;
+
+namespace {
+
+using SteadyClock = std::chrono::steady_clock;
+
+struct Options {
+  int runs = 7;
+  double idleSeconds = 10;
+  double settleSeconds = 3;  // longer than an idle worker thread lives
+  std::string sandbox = QS_MEASURE_SANDBOX;
+  std::string ca = QS_MEASURE_CA;
+  // Child mode.
+  bool child = false;
+  int port = 0;
+  std::string appId;
+  std::string store;
+  bool trace = false;  // the library's log lines, with times, in the report
+};
+
+// ---------------------------------------------------------------- child ---
+
+// Keeps the library's log lines; the report prints them only on failure.
+class MemoryLog final : public qs::Log {
+ public:
+  void write(std::string_view line) override {
+    const double ms =
+        std::chrono::duration<double, std::milli>(SteadyClock::now() - start_).count();
+    std::lock_guard lock(mutex_);
+    lines_.push_back(fmt::format("[{:8.2f} ms] {}", ms, line));
+  }
+  std::vector<std::string> lines() const {
+    std::lock_guard lock(mutex_);
+    return lines_;
+  }
+
+ private:
+  const SteadyClock::time_point start_ = SteadyClock::now();
+  mutable std::mutex mutex_;
+  std::vector<std::string> lines_;
+};
+
+class ReadyDelegate final : public qs::QSManagerDelegate {
+ public:
+  void managerReady(const qs::HeaderMap& headers) override { record(headers); }
+  void newHeaders(const qs::HeaderMap& headers) override { record(headers); }
+
+  // The time of the first call and its headers, or nullopt after `seconds`.
+  std::optional<std::pair<SteadyClock::time_point, qs::HeaderMap>> wait(double seconds) {
+    std::unique_lock lock(mutex_);
+    if (!cv_.wait_for(lock, std::chrono::duration<double>(seconds), [&] { return called_; })) {
+      return std::nullopt;
+    }
+    return std::pair{at_, headers_};
+  }
+
+ private:
+  void record(const qs::HeaderMap& headers) {
+    const auto now = SteadyClock::now();
+    std::lock_guard lock(mutex_);
+    if (called_) return;
+    called_ = true;
+    at_ = now;
+    headers_ = headers;
+    cv_.notify_all();
+  }
+  std::mutex mutex_;
+  std::condition_variable cv_;
+  bool called_ = false;
+  SteadyClock::time_point at_;
+  qs::HeaderMap headers_;
+};
+
+struct ThreadSample {
+  std::string name;
+  long long switches = 0;  // voluntary + involuntary
+};
+
+std::string readFirstLine(const std::string& path) {
+  std::ifstream in(path);
+  std::string line;
+  std::getline(in, line);
+  return line;
+}
+
+// Every thread of this process by id, with its name and context switches.
+std::map<long, ThreadSample> sampleThreads() {
+  std::map<long, ThreadSample> threads;
+  DIR* dir = opendir("/proc/self/task");
+  if (dir == nullptr) return threads;
+  while (dirent* entry = readdir(dir)) {
+    if (entry->d_name[0] == '.') continue;
+    const std::string base = std::string("/proc/self/task/") + entry->d_name;
+    ThreadSample sample;
+    sample.name = readFirstLine(base + "/comm");
+    std::ifstream status(base + "/status");
+    for (std::string line; std::getline(status, line);) {
+      if (line.rfind("voluntary_ctxt_switches:", 0) == 0 ||
+          line.rfind("nonvoluntary_ctxt_switches:", 0) == 0) {
+        sample.switches += std::atoll(line.substr(line.find(':') + 1).c_str());
+      }
+    }
+    threads[std::atol(entry->d_name)] = sample;
+  }
+  closedir(dir);
+  return threads;
+}
+
+std::string jsonString(const std::string& text) { return qs::Value(text).dump(); }
+
+int runChild(const Options& o) {
+  qs::DeploymentSettings settings;
+  settings.collectorHostPattern = "{appId}.collector.localhost:" + std::to_string(o.port);
+  settings.webDomain = "localhost:" + std::to_string(o.port);
+  settings.caFile = o.ca;
+  settings.storePath = o.store;
+
+  auto log = std::make_shared<MemoryLog>();
+  qs::LinuxPlatformOptions platformOptions;
+  platformOptions.bundle = qs::BundleInfo{"1.0", "qs-measure", "org.quarrystone.measure", {"en"}};
+  platformOptions.log = log;
+  const long mainThread = static_cast<long>(getpid());
+  const auto before = sampleThreads();
+
+  auto manager = qs::QSManager::create(qs::makeLinuxPlatform(settings, platformOptions), settings);
+  auto delegate = std::make_shared<ReadyDelegate>();
+  manager->setDelegate(delegate);
+
+  const auto start = SteadyClock::now();
+  manager->startWith(o.appId);
+  const auto ready = delegate->wait(10);
+
+  std::string result = "{\"ok\":" + std::string(ready ? "true" : "false");
+  if (ready) {
+    const double ms = std::chrono::duration<double, std::milli>(ready->first - start).count();
+    const auto& auth = ready->second.at("X-QS-AUTHORIZATION");
+    result += ",\"ready_ms\":" + std::to_string(ms);
+    result += ",\"token\":" + std::string(auth.rfind("3:", 0) == 0 ? "true" : "false");
+  }
+
+  // Let worker threads that served the exchange run out their idle time.
+  std::this_thread::sleep_for(std::chrono::duration<double>(o.settleSeconds));
+  const auto rest = sampleThreads();
+  std::string names;
+  int libraryThreads = 0;
+  for (const auto& [tid, sample] : rest) {
+    if (tid == mainThread || before.count(tid) != 0) continue;
+    ++libraryThreads;
+    names += (names.empty() ? "" : ",") + jsonString(sample.name);
+  }
+  result += ",\"threads\":" + std::to_string(libraryThreads) + ",\"thread_names\":[" + names + "]";
+
+  if (o.idleSeconds > 0) {
+    auto timer = manager->managerHelper().timer();
+    result += ",\"timer_pending\":" + std::string(timer && timer->isValid() ? "true" : "false");
+    const auto idleStart = sampleThreads();
+    std::this_thread::sleep_for(std::chrono::duration<double>(o.idleSeconds));
+    const auto idleEnd = sampleThreads();
+    std::string perThread;
+    long long total = 0;
+    for (const auto& [tid, sample] : idleEnd) {
+      if (tid == mainThread) continue;  // the measuring sleep itself
+      auto it = idleStart.find(tid);
+      const long long delta = sample.switches - (it == idleStart.end() ? 0 : it->second.switches);
+      total += delta;
+      perThread += (perThread.empty() ? "" : ",") +
+                   jsonString(sample.name + "#" + std::to_string(tid)) + ":" +
+                   std::to_string(delta);
+    }
+    result +=
+        ",\"idle_switches\":" + std::to_string(total) + ",\"idle_by_thread\":{" + perThread + "}";
+  }
+  if (!ready || o.trace) {
+    std::string lines;
+    for (const auto& line : log->lines()) lines += (lines.empty() ? "" : ",") + jsonString(line);
+    result += ",\"log\":[" + lines + "]";
+  }
+  std::printf("%s}\n", result.c_str());
+  std::fflush(stdout);
+  // The process ends here; the manager's threads go with it.
+  std::_Exit(ready ? 0 : 1);
+}
+
+// --------------------------------------------------------------- parent ---
+
+// Runs argv with its stdout into a pipe; returns the pid and the read end.
+std::optional<std::pair<pid_t, FILE*>> spawnWithOutput(const std::vector<std::string>& args) {
+  int fds[2];
+  if (pipe(fds) != 0) return std::nullopt;
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
+  posix_spawn_file_actions_addclose(&actions, fds[0]);
+  posix_spawn_file_actions_addclose(&actions, fds[1]);
+  std::vector<char*> argv;
+  for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+  argv.push_back(nullptr);
+  pid_t pid = 0;
+  const int rc = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  close(fds[1]);
+  if (rc != 0) {
+    close(fds[0]);
+    return std::nullopt;
+  }
+  return std::pair{pid, fdopen(fds[0], "r")};
+}
+
+std::string readLine(FILE* in) {
+  std::string line;
+  for (int c; (c = std::fgetc(in)) != EOF && c != '\n';) line += static_cast<char>(c);
+  return line;
+}
+
+struct Sandbox {
+  pid_t pid = 0;
+  int port = 0;
+  std::string logPath;
+  FILE* out = nullptr;
+
+  ~Sandbox() {
+    if (pid > 0) {
+      kill(pid, SIGTERM);
+      waitpid(pid, nullptr, 0);
+    }
+    if (out != nullptr) std::fclose(out);
+  }
+
+  // The collector requests logged for `appId`, one connection name each.
+  std::vector<std::string> peersOf(const std::string& appId) const {
+    std::vector<std::string> peers;
+    std::ifstream in(logPath);
+    for (std::string line; std::getline(in, line);) {
+      const qs::Value event = qs::Value::parse(line, nullptr, false);
+      if (!event.is_object() || event.value("event", "") != "activity" ||
+          event.value("appId", "") != appId) {
+        continue;
+      }
+      peers.push_back(event.value("peer", "?"));
+    }
+    return peers;
+  }
+};
+
+std::unique_ptr<Sandbox> startSandbox(const Options& o, const std::string& logPath,
+                                      bool challenge) {
+  std::vector<std::string> args = {o.sandbox, "--port", "0", "--quiet", "--log", logPath};
+  if (!challenge) args.emplace_back("--no-challenge");
+  auto spawned = spawnWithOutput(args);
+  if (!spawned) return nullptr;
+  auto sandbox = std::make_unique<Sandbox>();
+  sandbox->pid = spawned->first;
+  sandbox->out = spawned->second;
+  sandbox->logPath = logPath;
+  const std::string prefix = "qs-sandbox listening on https://127.0.0.1:";
+  const std::string line = readLine(sandbox->out);
+  if (line.rfind(prefix, 0) != 0) return nullptr;
+  sandbox->port = std::atoi(line.substr(prefix.size()).c_str());
+  return sandbox->port > 0 ? std::move(sandbox) : nullptr;
+}
+
+struct RunResult {
+  qs::Value child;  // what the child printed
+  std::size_t requests = 0;
+  std::size_t connections = 0;
+};
+
+std::optional<RunResult> runOnce(const Options& o, const std::string& self, const Sandbox& sandbox,
+                                 const std::string& dir, int index, double idleSeconds) {
+  const std::string appId = "measure-" + std::to_string(getpid()) + "-" + std::to_string(index);
+  const std::string store = dir + "/" + appId + ".sqlite";
+  auto spawned =
+      spawnWithOutput({self, "--child", "--port", std::to_string(sandbox.port), "--app-id", appId,
+                       "--store", store, "--ca", o.ca, "--idle", std::to_string(idleSeconds),
+                       "--settle", std::to_string(o.settleSeconds)});
+  if (!spawned) return std::nullopt;
+  const std::string line = readLine(spawned->second);
+  std::fclose(spawned->second);
+  waitpid(spawned->first, nullptr, 0);
+  RunResult result;
+  result.child = qs::Value::parse(line, nullptr, false);
+  if (!result.child.is_object()) return std::nullopt;
+  const auto peers = sandbox.peersOf(appId);
+  result.requests = peers.size();
+  result.connections = std::set<std::string>(peers.begin(), peers.end()).size();
+  return result;
+}
+
+struct Spread {
+  double median = 0, min = 0, max = 0;
+};
+
+Spread spreadOf(std::vector<double> values) {
+  if (values.empty()) return {};
+  std::sort(values.begin(), values.end());
+  const std::size_t n = values.size();
+  const double median = n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
+  return {median, values.front(), values.back()};
+}
+
+// Runs the series against one sandbox; prints a line per run and the summary.
+bool series(const Options& o, const std::string& self, const std::string& dir, bool challenge,
+            int& index, std::vector<RunResult>& results) {
+  auto sandbox =
+      startSandbox(o, dir + (challenge ? "/challenge.jsonl" : "/direct.jsonl"), challenge);
+  if (!sandbox) {
+    std::fprintf(stderr, "qs-measure: cannot start %s\n", o.sandbox.c_str());
+    return false;
+  }
+  std::vector<double> ready;
+  std::printf("\n%s (sandbox on port %d)\n",
+              challenge ? "With the challenge round trip" : "Without a challenge (--no-challenge)",
+              sandbox->port);
+  // One run before the series warms the page cache for the binaries and the
+  // CA files; it is reported but not counted.
+  for (int i = -1; i < o.runs; ++i) {
+    auto run = runOnce(o, self, *sandbox, dir, index++, 0);
+    if (!run || !run->child.value("ok", false)) {
+      std::printf("  run %2d: failed %s\n", i + 1, run ? run->child.dump().c_str() : "");
+      continue;
+    }
+    const double ms = run->child.value("ready_ms", 0.0);
+    std::printf(
+        "  run %2d: ready after %7.2f ms, token %s, %zu requests over %zu connection(s), "
+        "%d library thread(s) at rest %s%s\n",
+        i + 1, ms, run->child.value("token", false) ? "yes" : "NO", run->requests, run->connections,
+        run->child.value("threads", 0), run->child["thread_names"].dump().c_str(),
+        i < 0 ? " (warm-up)" : "");
+    if (i < 0) continue;
+    ready.push_back(ms);
+    results.push_back(std::move(*run));
+  }
+  const Spread s = spreadOf(ready);
+  std::printf("  startWith -> managerReady: median %.2f ms, min %.2f, max %.2f over %zu runs\n",
+              s.median, s.min, s.max, ready.size());
+  return !ready.empty();
+}
+
+int runParent(const Options& o, const std::string& self) {
+  char dirTemplate[] = "/tmp/qs-measure-XXXXXX";
+  if (mkdtemp(dirTemplate) == nullptr) return 1;
+  const std::string dir = dirTemplate;
+  std::printf("qs-measure: %d runs per series, loopback HTTPS, real Linux platform\n", o.runs);
+  std::printf("machine: %u hardware threads\n", std::thread::hardware_concurrency());
+
+  int index = 0;
+  std::vector<RunResult> withChallenge, direct;
+  bool ok = series(o, self, dir, true, index, withChallenge);
+  ok = series(o, self, dir, false, index, direct) && ok;
+
+  std::size_t maxConnections = 0, maxThreads = 0;
+  for (const auto* list : {&withChallenge, &direct}) {
+    for (const auto& r : *list) {
+      maxConnections = std::max(maxConnections, r.connections);
+      maxThreads = std::max(maxThreads, static_cast<std::size_t>(r.child.value("threads", 0)));
+    }
+  }
+  std::printf("\nTLS connections (full handshakes) per process: at most %zu\n", maxConnections);
+  std::printf("Library threads at rest: at most %zu\n", maxThreads);
+
+  if (o.idleSeconds > 0) {
+    auto sandbox = startSandbox(o, dir + "/idle.jsonl", true);
+    std::optional<RunResult> run;
+    if (sandbox) run = runOnce(o, self, *sandbox, dir, index++, o.idleSeconds);
+    if (run && run->child.value("ok", false)) {
+      std::printf("\nIdle %.0f s after the exchange, renewal timer pending: %s\n", o.idleSeconds,
+                  run->child.value("timer_pending", false) ? "yes" : "NO");
+      std::printf("  context switches of the library's threads: %lld\n",
+                  run->child.value("idle_switches", 0LL));
+      for (const auto& [name, count] : run->child["idle_by_thread"].items()) {
+        std::printf("    %-24s %lld\n", name.c_str(), count.get<long long>());
+      }
+    } else {
+      std::printf("\nIdle measurement failed\n");
+      ok = false;
+    }
+  }
+  std::error_code ignored;
+  std::filesystem::remove_all(dir, ignored);
+  return ok ? 0 : 1;
+}
+
+bool parse(int argc, char** argv, Options& o) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    const char* value = i + 1 < argc ? argv[i + 1] : nullptr;
+    const auto take = [&](auto& out) {
+      if (value == nullptr) return false;
+      ++i;
+      if constexpr (std::is_same_v<std::decay_t<decltype(out)>, std::string>) {
+        out = value;
+      } else {
+        out = static_cast<std::decay_t<decltype(out)>>(std::atof(value));
+      }
+      return true;
+    };
+    bool ok = true;
+    if (arg == "--child") {
+      o.child = true;
+    } else if (arg == "--trace") {
+      o.trace = true;
+    } else if (arg == "--runs") {
+      ok = take(o.runs) && o.runs > 0;
+    } else if (arg == "--idle") {
+      ok = take(o.idleSeconds);
+    } else if (arg == "--settle") {
+      ok = take(o.settleSeconds);
+    } else if (arg == "--sandbox") {
+      ok = take(o.sandbox);
+    } else if (arg == "--ca") {
+      ok = take(o.ca);
+    } else if (arg == "--port") {
+      ok = take(o.port);
+    } else if (arg == "--app-id") {
+      ok = take(o.appId);
+    } else if (arg == "--store") {
+      ok = take(o.store);
+    } else {
+      ok = false;
+    }
+    if (!ok) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  if (!parse(argc, argv, options)) {
+    std::fprintf(stderr,
+                 "usage: qs-measure [--runs N] [--idle SECONDS] [--settle SECONDS] "
+                 "[--sandbox PATH] [--ca PEM]\n");
+    return 2;
+  }
+  if (options.child) return runChild(options);
+  const std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
+  return runParent(options, self);
+}
