@@ -93,7 +93,8 @@ std::string describe(const qs::HeaderMap& headers) {
 // Runs the main loop until `done` or `seconds` pass. True if done.
 bool waitFor(const std::function<bool()>& done, double seconds) {
   const auto deadline = Clock::now() + std::chrono::duration<double>(seconds);
-  guint tick = g_timeout_add(100, [](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr);
+  guint tick = g_timeout_add(
+      100, [](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr);
   while (!done() && Clock::now() < deadline) g_main_context_iteration(nullptr, TRUE);
   g_source_remove(tick);
   return done();
@@ -213,7 +214,8 @@ int main(int argc, char** argv) {
     return demo::callBackend(request, settings.caFile);
   };
 
-  timeline.say("startWith(\"" + options.appId + "\") against " + settings.collectorUrl(options.appId));
+  timeline.say("startWith(\"" + options.appId + "\") against " +
+               settings.collectorUrl(options.appId));
   manager.startWith(options.appId);
   bool ready = waitFor([&] { return delegate->readyCount() > 0; }, options.timeout);
   check(ready, "managerReady: " + describe(delegate->lastHeaders()));

@@ -5,9 +5,9 @@
 namespace qs {
 
 // Version of this release, sent in every app activity and error report.
-QS_EXPORT extern const char* const QS_SDK_VERSION;     // "0.4.0"
+QS_EXPORT extern const char* const QS_SDK_VERSION;  // "0.4.0"
 // Client tag sent in every collector request body.
-QS_EXPORT extern const char* const QS_JS_CLIENT_TAG;   // "v2.51"
+QS_EXPORT extern const char* const QS_JS_CLIENT_TAG;  // "v2.51"
 
 // Cookie names, by level.
 QS_EXPORT extern const char* const QS_COOKIE_LEVEL_1;  // "_qs"

@@ -19,7 +19,7 @@ struct QS_EXPORT LinuxPlatformOptions {
   // The GLib main context that the host runs on its main thread. Null: the
   // library runs its own context on a thread of its own.
   GMainContext* hostContext = nullptr;
-  std::shared_ptr<Log> log;          // null: stderr
+  std::shared_ptr<Log> log;  // null: stderr
 };
 
 // The real Linux platform: GLib main loop, GIO network monitor, libcurl,

@@ -44,8 +44,7 @@ std::string connectionType(QSNetworkStatus status) {
 
 }  // namespace
 
-AppActivity::AppActivity(const Platform& platform, QSStorage& storage, QSUtils& utils,
-                         QSUUID& uuid)
+AppActivity::AppActivity(const Platform& platform, QSStorage& storage, QSUtils& utils, QSUUID& uuid)
     : platform_(platform), storage_(storage), utils_(utils), uuid_(uuid) {}
 
 Value AppActivity::collectActivityData(QSAppState state) {

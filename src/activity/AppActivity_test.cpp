@@ -17,8 +17,8 @@ class AppActivityTest : public CoreTest {
 };
 
 TEST_F(AppActivityTest, StateDecidesTypeAndTheInitOnlyFields) {
-  manager->storage()->saveCustomParams(Value{{"plan", "gold"}, {QSFM_DEVICE_MODEL, "Custom"},
-                                             {QSFM_RESUME_COUNTER, 99}});
+  manager->storage()->saveCustomParams(
+      Value{{"plan", "gold"}, {QSFM_DEVICE_MODEL, "Custom"}, {QSFM_RESUME_COUNTER, 99}});
   Value idle = build(QSAppStateIdle);
   EXPECT_EQ(idle["t"], QSFM_APP_IDLE);
   EXPECT_EQ(idle["d"][QSFM_APP_STATE], "idle");
@@ -105,7 +105,8 @@ TEST(ChallengeActivityTest, ReversesWholeCharacterSequences) {
   EXPECT_EQ(ChallengeActivity::reverseString(uuid, text), mirror);
   // "e" + combining acute stays in that order; so does a surrogate-range emoji.
   EXPECT_EQ(ChallengeActivity::reverseString("ae\xCC\x81x\xF0\x9F\x98\x80", text),
-            "\xF0\x9F\x98\x80xe\xCC\x81" "a");
+            "\xF0\x9F\x98\x80xe\xCC\x81"
+            "a");
 }
 
 }  // namespace

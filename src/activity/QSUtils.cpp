@@ -126,8 +126,7 @@ void QSUtils::stopTimerForCollectorRequest() {
   double start = collectorRequestStartDate_.load();
   double elapsed = start > 0 ? platform_.clock->now() - start : 0;
   collectorExecutionSeconds_.store(elapsed);
-  platform_.log->write(
-      fmt::sprintf("request start --> response - executionTime = %.04f", elapsed));
+  platform_.log->write(fmt::sprintf("request start --> response - executionTime = %.04f", elapsed));
 }
 
 std::int32_t QSUtils::collectorExecutionTime() const {

@@ -9,10 +9,10 @@ namespace {
 
 TEST(QSUtilsTest, DeviceModelTableAndFallbacks) {
   const std::pair<const char*, const char*> cases[] = {
-      {"iPhone9,3", "iPhone 7"},      {"iPad6,8", "iPad Pro (12.9\")"}, {"iPhone10,1", "iPhone"},
-      {"iPad7,3", "iPad"},            {"iPod9,1", "iPod Touch"},       {"AppleTV5,3", "Unknown"},
-      {"i386", "Simulator"},          {"x86_64", "Simulator"},         {"iPadiPod", "iPod Touch"},
-      {"iPad3,1", "iPad"},            {"iPhone8,1", "iPhone 6S"},      {"aarch64", "Unknown"},
+      {"iPhone9,3", "iPhone 7"}, {"iPad6,8", "iPad Pro (12.9\")"}, {"iPhone10,1", "iPhone"},
+      {"iPad7,3", "iPad"},       {"iPod9,1", "iPod Touch"},        {"AppleTV5,3", "Unknown"},
+      {"i386", "Simulator"},     {"x86_64", "Simulator"},          {"iPadiPod", "iPod Touch"},
+      {"iPad3,1", "iPad"},       {"iPhone8,1", "iPhone 6S"},       {"aarch64", "Unknown"},
   };
   for (const auto& [machine, model] : cases) {
     EXPECT_EQ(QSUtils::deviceModelFor(machine), model) << machine;

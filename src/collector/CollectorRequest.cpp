@@ -31,7 +31,8 @@ void CollectorRequest::sendRequestToServer(const Value& activity) {
   auto manager = manager_.lock();
   if (!manager) return;
   std::string type;
-  if (auto t = activity.find("t"); t != activity.end() && t->is_string()) type = t->get<std::string>();
+  if (auto t = activity.find("t"); t != activity.end() && t->is_string())
+    type = t->get<std::string>();
 
   const std::string appId = manager->appId();
   const std::string payload = payloadValueToBase64(activity, appId);
@@ -91,8 +92,8 @@ void CollectorRequest::taskCompletedWith(const std::optional<std::string>& data,
     return;
   }
   std::string parseError;
-  auto response = CollectorResponse::initWithCollectorResponse(
-      QSUtils::dictionaryFromData(data), platform_.clock->now(), &parseError);
+  auto response = CollectorResponse::initWithCollectorResponse(QSUtils::dictionaryFromData(data),
+                                                               platform_.clock->now(), &parseError);
   if (!response) {
     // A malformed command stops the parse; nothing of it is used and the
     // exchange counts as failed.

@@ -37,7 +37,8 @@ TEST_F(CollectorExchangeTest, FailedFirstExchangeMakesTheManagerReadyAndRetriesS
   ASSERT_EQ(calls.size(), 1u);
   EXPECT_EQ(calls[0].kind, "managerReady");
   EXPECT_EQ(calls[0].headers, (HeaderMap{{"X-QS-AUTHORIZATION", "1"}}));
-  EXPECT_TRUE(fake.log->contains("CollectorRequest received error: Could not connect to the server."));
+  EXPECT_TRUE(
+      fake.log->contains("CollectorRequest received error: Could not connect to the server."));
   EXPECT_DOUBLE_EQ(fake.mainLoop->nextFireTime(), now() + 60);
 
   fake.mainLoop->advance(59.5);

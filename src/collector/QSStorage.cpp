@@ -49,7 +49,7 @@ std::optional<QSCookie> QSStorage::getCookie() {
       }
     } else {
       log_->write(std::string("QSStorage - ignoring a stored value of the wrong kind under ") +
-                 kCookieKey);
+                  kCookieKey);
     }
   }
   cachedCookie_ = cookie;
@@ -73,7 +73,7 @@ std::optional<Value> QSStorage::getAppResumeCounter() {
   auto value = store_->objectForKey(kResumeCounterKey);
   if (value && !value->is_number()) {
     log_->write(std::string("QSStorage - ignoring a stored value of the wrong kind under ") +
-               kResumeCounterKey);
+                kResumeCounterKey);
     return std::nullopt;
   }
   return value;
@@ -87,7 +87,7 @@ std::optional<Value> QSStorage::getCustomParams() {
   auto value = store_->objectForKey(kCustomParamsKey);
   if (value && !value->is_object()) {
     log_->write(std::string("QSStorage - ignoring a stored value of the wrong kind under ") +
-               kCustomParamsKey);
+                kCustomParamsKey);
     return std::nullopt;
   }
   return value;

@@ -54,9 +54,9 @@ class QSStorage {
   const std::shared_ptr<Log> log_;
 
   std::mutex cacheMutex_;
-  bool cacheValid_ = false;                 // guarded by cacheMutex_
-  std::uint64_t cacheChangeCount_ = 0;      // guarded by cacheMutex_
-  std::optional<QSCookie> cachedCookie_;    // guarded by cacheMutex_
+  bool cacheValid_ = false;               // guarded by cacheMutex_
+  std::uint64_t cacheChangeCount_ = 0;    // guarded by cacheMutex_
+  std::optional<QSCookie> cachedCookie_;  // guarded by cacheMutex_
 };
 
 }  // namespace qs

@@ -202,8 +202,9 @@ HeaderMap QSManager::httpHeaders() const {
   HeaderMap headers;
   auto cookie = storage_->getCookie();
   if (cookie && !cookie->ttlExpired(platform_.clock->now())) {
-    headers.emplace("X-QS-AUTHORIZATION",
-                    fmt::format("{}:{}", QSCookie::cookieLevelFrom(cookie->name()), cookie->token()));
+    headers.emplace(
+        "X-QS-AUTHORIZATION",
+        fmt::format("{}:{}", QSCookie::cookieLevelFrom(cookie->name()), cookie->token()));
     if (forceBlock_.load()) {
       headers.emplace("X-QS-SIMULATE", "block");
     } else if (forceCaptcha_.load()) {

@@ -10,8 +10,8 @@
 namespace qs {
 
 QSManagerHelper::QSManagerHelper(std::weak_ptr<QSManager> manager, Platform platform,
-                                 std::shared_ptr<QSStorage> storage,
-                                 std::shared_ptr<QSUtils> utils, std::shared_ptr<QSUUID> uuid,
+                                 std::shared_ptr<QSStorage> storage, std::shared_ptr<QSUtils> utils,
+                                 std::shared_ptr<QSUUID> uuid,
                                  std::shared_ptr<QSNetworkManager> network)
     : manager_(std::move(manager)),
       platform_(std::move(platform)),
@@ -177,9 +177,9 @@ void QSManagerHelper::reportError(const std::string& message) {
   const std::string id = manager->appId();
   auto json = prepareErrorData(message);
   const std::string encoded = json ? percentEncodeHostAllowed(*json) : "(null)";
-  auto operation = std::make_shared<QSGetOperation>(
-      *platform_.http, network_->userAgent(), manager->settings().clientErrorUrl(id, encoded),
-      std::nullopt, std::nullopt);
+  auto operation = std::make_shared<QSGetOperation>(*platform_.http, network_->userAgent(),
+                                                    manager->settings().clientErrorUrl(id, encoded),
+                                                    std::nullopt, std::nullopt);
   operation->setDelegate(shared_from_this());
   network_->addNetworkOperation(std::move(operation));
 }

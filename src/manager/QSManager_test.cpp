@@ -104,7 +104,8 @@ TEST_F(QSManagerTest, DebugTokensRestartTheExchangeWithoutASession) {
 
 TEST_F(QSManagerTest, MisusedBlockHandlingIsReportedNotShown) {
   manager->startWith("ABC");
-  struct Host : ViewController {} host;
+  struct Host : ViewController {
+  } host;
 
   auto foreign = manager->checkError(Value::object());
   ASSERT_NE(foreign, nullptr);
@@ -137,17 +138,18 @@ TEST_F(QSManagerTest, MisusedBlockHandlingIsReportedNotShown) {
     EXPECT_EQ(record["tag"], manager->networkManager()->userAgent());
     reported.push_back(record["message"]);
   }
-  EXPECT_EQ(reported,
-            (std::vector<std::string>{
-                "QS Error - call handleBlock() only after you pass the responseJson via "
-                "checkError() method",
-                "QS Error - call handleBlock() only if block response type belongs to Quarrystone"}));
+  EXPECT_EQ(
+      reported,
+      (std::vector<std::string>{
+          "QS Error - call handleBlock() only after you pass the responseJson via "
+          "checkError() method",
+          "QS Error - call handleBlock() only if block response type belongs to Quarrystone"}));
 
   // The report's outcome is only logged; an HTTP error status is a success.
   fake.http->respondNext(fake::FakeReply::json("oops", 500));  // the collector POST
   fake.http->respondNext(fake::FakeReply::json("oops", 500));
-  fake.http->respondNext(fake::FakeReply::failure(HttpError::Code::NotConnected,
-                                                  "The Internet connection appears to be offline."));
+  fake.http->respondNext(fake::FakeReply::failure(
+      HttpError::Code::NotConnected, "The Internet connection appears to be offline."));
   EXPECT_EQ(fake.log->count("LogEntries - success"), 1u);
   EXPECT_TRUE(fake.log->contains(
       "LogEntries received error: The Internet connection appears to be offline."));

@@ -68,7 +68,8 @@ QSNetworkStatus QSReachability::networkStatusForFlags(std::uint32_t flags) const
   QSNetworkStatus status = (flags & kReachabilityFlagsConnectionRequired) == 0
                                ? QSNetworkStatusViaWiFi
                                : QSNetworkStatusNotReachable;
-  if ((flags & (kReachabilityFlagsConnectionOnDemand | kReachabilityFlagsConnectionOnTraffic)) != 0 &&
+  if ((flags & (kReachabilityFlagsConnectionOnDemand | kReachabilityFlagsConnectionOnTraffic)) !=
+          0 &&
       (flags & kReachabilityFlagsInterventionRequired) == 0) {
     status = QSNetworkStatusViaWiFi;
   }

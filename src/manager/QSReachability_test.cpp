@@ -14,8 +14,8 @@ TEST(QSReachabilityTest, ClassifiesFlagsAndLogsThemAsLetters) {
   ASSERT_NE(monitor, nullptr);
   constexpr std::uint32_t R = kReachabilityFlagsReachable, c = kReachabilityFlagsConnectionRequired,
                           C = kReachabilityFlagsConnectionOnTraffic,
-                          i = kReachabilityFlagsInterventionRequired,
-                          W = kReachabilityFlagsIsWWAN, d = kReachabilityFlagsIsDirect;
+                          i = kReachabilityFlagsInterventionRequired, W = kReachabilityFlagsIsWWAN,
+                          d = kReachabilityFlagsIsDirect;
   EXPECT_EQ(monitor->networkStatusForFlags(0), QSNetworkStatusNotReachable);
   EXPECT_EQ(monitor->networkStatusForFlags(R), QSNetworkStatusViaWiFi);
   EXPECT_EQ(monitor->networkStatusForFlags(R | c), QSNetworkStatusNotReachable);
@@ -33,11 +33,10 @@ TEST(QSReachabilityTest, PostsChangesOnlyWhileScheduledAndToleratesPlatformFailu
   fake::FakePlatform fake;
   int posted = 0;
   const void* object = nullptr;
-  fake.notifications->addObserver(kQSReachabilityChangedNotification,
-                                  [&](const Notification& n) {
-                                    ++posted;
-                                    object = n.object;
-                                  });
+  fake.notifications->addObserver(kQSReachabilityChangedNotification, [&](const Notification& n) {
+    ++posted;
+    object = n.object;
+  });
   auto monitor = QSReachability::reachabilityWithHostName(fake.platform(), "example.test");
   ASSERT_TRUE(monitor->startNotifier());
   fake.reachability->setFlags(0);

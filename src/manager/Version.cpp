@@ -2,5 +2,6 @@
 
 extern "C" {
 const double QuarrystoneVersionNumber = 0.4;
-const unsigned char QuarrystoneVersionString[] = "@(#)PROGRAM:Quarrystone  PROJECT:Quarrystone-0.4.0\n";
+const unsigned char QuarrystoneVersionString[] =
+    "@(#)PROGRAM:Quarrystone  PROJECT:Quarrystone-0.4.0\n";
 }

@@ -9,7 +9,8 @@
 namespace qs {
 
 QSNetworkManager::QSNetworkManager(Platform platform)
-    : platform_(std::move(platform)), queue_(std::make_shared<QSOperationQueue>(platform_.workers)) {}
+    : platform_(std::move(platform)),
+      queue_(std::make_shared<QSOperationQueue>(platform_.workers)) {}
 
 void QSNetworkManager::addNetworkOperation(std::shared_ptr<QSNetworkOperation> operation) {
   queue_->addOperation(std::move(operation));

@@ -87,8 +87,8 @@ class CoreTest : public ::testing::Test {
     // Requests still pending hold their operations (and those the exchange):
     // end them the way a closing HTTP client would.
     fake.http->setResponder(nullptr);
-    while (fake.http->respondNext(
-        fake::FakeReply::failure(HttpError::Code::Cancelled, "cancelled"))) {
+    while (
+        fake.http->respondNext(fake::FakeReply::failure(HttpError::Code::Cancelled, "cancelled"))) {
     }
     fake.mainLoop->runUntilIdle();
   }

@@ -28,7 +28,16 @@ struct HttpResponse {
 
 // A transport failure (no answer at all). HTTP error statuses are responses.
 struct HttpError {
-  enum class Code { TimedOut, CannotConnect, CannotFindHost, NotConnected, SecureConnectionFailed, Cancelled, BadURL, Other };
+  enum class Code {
+    TimedOut,
+    CannotConnect,
+    CannotFindHost,
+    NotConnected,
+    SecureConnectionFailed,
+    Cancelled,
+    BadURL,
+    Other
+  };
   Code code = Code::Other;
   // Readable, e.g. "The request timed out." or "Could not connect to the server."
   std::string localizedDescription;
@@ -38,9 +47,9 @@ struct HttpError {
 // completion is called exactly once, on the client's callback thread.
 class QS_EXPORT HttpClient {
  public:
-  using Completion = std::function<void(std::optional<std::string> body,
-                                        std::optional<HttpResponse> response,
-                                        std::optional<HttpError> error)>;
+  using Completion =
+      std::function<void(std::optional<std::string> body, std::optional<HttpResponse> response,
+                         std::optional<HttpError> error)>;
   virtual ~HttpClient() = default;
   virtual void send(HttpRequest request, Completion completion) = 0;
 };

@@ -18,7 +18,9 @@ struct FakeReply {
   long status = 200;
   std::optional<HttpError> error;
 
-  static FakeReply json(std::string body, long status = 200) { return {std::move(body), status, {}}; }
+  static FakeReply json(std::string body, long status = 200) {
+    return {std::move(body), status, {}};
+  }
   static FakeReply failure(HttpError::Code code, std::string description) {
     return {std::nullopt, 0, HttpError{code, std::move(description)}};
   }
@@ -53,7 +55,7 @@ class FakeHttpClient final : public HttpClient {
 
   mutable std::mutex mutex_;
   std::condition_variable sent_;
-  Responder responder_;              // guarded by mutex_
+  Responder responder_;                // guarded by mutex_
   std::vector<HttpRequest> requests_;  // guarded by mutex_
   std::vector<Pending> pending_;       // guarded by mutex_
 };

@@ -50,9 +50,8 @@ bool FakeMainLoop::fireOneDueTimer(double upTo) {
     std::lock_guard lock(mutex_);
     std::erase_if(timers_, [](const auto& t) { return !t->valid.load(); });
     for (const auto& t : timers_) {
-      if (t->fireTime <= upTo &&
-          (!due || t->fireTime < due->fireTime ||
-           (t->fireTime == due->fireTime && t->sequence < due->sequence))) {
+      if (t->fireTime <= upTo && (!due || t->fireTime < due->fireTime ||
+                                  (t->fireTime == due->fireTime && t->sequence < due->sequence))) {
         due = t;
       }
     }

@@ -103,12 +103,10 @@ class FakeReachability::Target final : public ReachabilityTarget {
     std::lock_guard lock(owner_.mutex_);
     std::erase(owner_.scheduled_, this);
   }
-  std::function<void(std::uint32_t)> callback() {
-    return callback_;
-  }
+  std::function<void(std::uint32_t)> callback() { return callback_; }
 
  private:
-  FakeReachability& owner_;                    // weak
+  FakeReachability& owner_;                      // weak
   std::function<void(std::uint32_t)> callback_;  // guarded by owner_.mutex_
 };
 
