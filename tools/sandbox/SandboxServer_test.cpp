@@ -105,9 +105,10 @@ TEST_F(SandboxServerTest, ChallengeTokenAndOrdersOverTls) {
   ASSERT_EQ(logged.size(), 5u);
   EXPECT_EQ(logged[0]["decision"], "new_session");
   EXPECT_EQ(logged[1]["decision"], "challenge_passed");
-  // Both collector requests came over the client's one kept-alive connection.
-  EXPECT_TRUE(logged[0]["peer"].is_string());
-  EXPECT_EQ(logged[0]["peer"], logged[1]["peer"]);
+  // Each collector request names the client end of its connection.
+  for (std::size_t i = 0; i < 2; ++i) {
+    EXPECT_EQ(logged[i].value("peer", "").rfind("127.0.0.1:", 0), 0u) << logged[i].dump();
+  }
   EXPECT_EQ(logged[2]["decision"], "allow");
   EXPECT_EQ(logged[3]["decision"], "captcha");
   EXPECT_EQ(logged[4]["report"]["message"], "a+b");
