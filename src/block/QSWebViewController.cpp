@@ -1,5 +1,7 @@
 #include "block/QSWebViewController.h"
 
+#include "network/PercentEncoding.h"
+
 #include <cstdint>
 #include <limits>
 #include <optional>
@@ -18,31 +20,6 @@ struct QueryItem {
   std::string name;
   std::optional<std::string> value;  // nullopt: the item had no "="
 };
-
-int hexDigit(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
-
-std::optional<std::string> percentDecode(std::string_view text) {
-  std::string out;
-  out.reserve(text.size());
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    if (text[i] != '%') {
-      out.push_back(text[i]);
-      continue;
-    }
-    if (i + 2 >= text.size()) return std::nullopt;
-    int high = hexDigit(text[i + 1]);
-    int low = hexDigit(text[i + 2]);
-    if (high < 0 || low < 0) return std::nullopt;
-    out.push_back(static_cast<char>(high * 16 + low));
-    i += 2;
-  }
-  return out;
-}
 
 // The query items of `url` in order, names and values percent-decoded ("+"
 // stays a plus). nullopt for a malformed URL: a byte outside printable

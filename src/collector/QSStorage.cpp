@@ -6,13 +6,18 @@ QSStorage::QSStorage(std::shared_ptr<KeyValueStore> store, std::shared_ptr<Keyed
                      std::shared_ptr<Log> log)
     : store_(std::move(store)), archiver_(std::move(archiver)), log_(std::move(log)) {}
 
-std::optional<std::string> QSStorage::getString(const char* key) {
+std::optional<Value> QSStorage::getOfKind(const char* key, bool (*isKind)(const Value&)) {
   auto value = store_->objectForKey(key);
-  if (!value) return std::nullopt;
-  if (!value->is_string()) {
+  if (value && !isKind(*value)) {
     log_->write(std::string("QSStorage - ignoring a stored value of the wrong kind under ") + key);
     return std::nullopt;
   }
+  return value;
+}
+
+std::optional<std::string> QSStorage::getString(const char* key) {
+  auto value = getOfKind(key, [](const Value& v) { return v.is_string(); });
+  if (!value) return std::nullopt;
   return value->get<std::string>();
 }
 
@@ -70,13 +75,7 @@ void QSStorage::saveCookie(const std::optional<QSCookie>& cookie) {
 }
 
 std::optional<Value> QSStorage::getAppResumeCounter() {
-  auto value = store_->objectForKey(kResumeCounterKey);
-  if (value && !value->is_number()) {
-    log_->write(std::string("QSStorage - ignoring a stored value of the wrong kind under ") +
-                kResumeCounterKey);
-    return std::nullopt;
-  }
-  return value;
+  return getOfKind(kResumeCounterKey, [](const Value& v) { return v.is_number(); });
 }
 
 void QSStorage::saveAppResumeCounter(const std::optional<Value>& counter) {
@@ -84,13 +83,7 @@ void QSStorage::saveAppResumeCounter(const std::optional<Value>& counter) {
 }
 
 std::optional<Value> QSStorage::getCustomParams() {
-  auto value = store_->objectForKey(kCustomParamsKey);
-  if (value && !value->is_object()) {
-    log_->write(std::string("QSStorage - ignoring a stored value of the wrong kind under ") +
-                kCustomParamsKey);
-    return std::nullopt;
-  }
-  return value;
+  return getOfKind(kCustomParamsKey, [](const Value& v) { return v.is_object(); });
 }
 
 void QSStorage::saveCustomParams(const std::optional<Value>& params) {

@@ -47,6 +47,8 @@ class QSStorage {
   KeyValueStore& store() { return *store_; }
 
  private:
+  // The value under `key`, or nullopt (logged) when it is not of the kind.
+  std::optional<Value> getOfKind(const char* key, bool (*isKind)(const Value&));
   std::optional<std::string> getString(const char* key);
 
   const std::shared_ptr<KeyValueStore> store_;

@@ -4,6 +4,7 @@
 #include <fmt/printf.h>
 
 #include "activity/ChallengeActivity.h"
+#include "network/PercentEncoding.h"
 #include "quarrystone/Constants.h"
 #include "quarrystone/QSManager.h"
 
@@ -149,26 +150,6 @@ std::optional<std::string> QSManagerHelper::prepareErrorData(const std::string& 
     log(fmt::format("prepareErrorData - Got an error: {}", e.what()));
     return std::nullopt;
   }
-}
-
-std::string QSManagerHelper::percentEncodeHostAllowed(std::string_view text) {
-  static constexpr std::string_view kAllowedPunctuation = "!$&'()*+,-.:;=[]_~";
-  static constexpr char kHex[] = "0123456789ABCDEF";
-  std::string encoded;
-  encoded.reserve(text.size() * 3);
-  for (char c : text) {
-    auto byte = static_cast<unsigned char>(c);
-    bool alnum = (byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z') ||
-                 (byte >= '0' && byte <= '9');
-    if (alnum || kAllowedPunctuation.find(c) != std::string_view::npos) {
-      encoded.push_back(c);
-    } else {
-      encoded.push_back('%');
-      encoded.push_back(kHex[byte >> 4]);
-      encoded.push_back(kHex[byte & 0xF]);
-    }
-  }
-  return encoded;
 }
 
 void QSManagerHelper::reportError(const std::string& message) {

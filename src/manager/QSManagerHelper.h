@@ -62,9 +62,6 @@ class QSManagerHelper : public CollectorRequestDelegate,
                          const std::optional<HttpResponse>& response,
                          const std::optional<HttpError>& error) override;
 
-  // Letters, digits and !$&'()*+,-.:;=[]_~ stay; every other byte is %XX.
-  static std::string percentEncodeHostAllowed(std::string_view text);
-
  private:
   QSManagerHelper(std::weak_ptr<QSManager> manager, Platform platform,
                   std::shared_ptr<QSStorage> storage, std::shared_ptr<QSUtils> utils,

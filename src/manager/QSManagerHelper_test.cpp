@@ -1,5 +1,7 @@
 #include "manager/QSManagerHelper.h"
 
+#include "network/PercentEncoding.h"
+
 #include "CoreFixture.h"
 #include "quarrystone/Constants.h"
 #include "quarrystone/QSFieldsMapping.h"
@@ -81,7 +83,7 @@ TEST_F(QSManagerHelperTest, ErrorRecordsAreCompactAndHostEncoded) {
   EXPECT_EQ(*json, record.dump()) << "compact output";
   EXPECT_EQ(record["message"], "hello");
 
-  EXPECT_EQ(QSManagerHelper::percentEncodeHostAllowed("{\"a\":\"b c/d,é\"}!$&'()*+-.;=[]_~"),
+  EXPECT_EQ(percentEncodeHostAllowed("{\"a\":\"b c/d,é\"}!$&'()*+-.;=[]_~"),
             "%7B%22a%22:%22b%20c%2Fd,%C3%A9%22%7D!$&'()*+-.;=[]_~");
 
   // A message that cannot be serialised is logged; the report still goes out.

@@ -7,6 +7,7 @@
 
 #include "SandboxCodec.h"
 #include "crypto/SHA256_CBC.h"
+#include "network/PercentEncoding.h"
 
 namespace qs::sandbox {
 
@@ -65,7 +66,7 @@ Parsed<Value> readReport(std::string_view target) {
   const std::size_t q = target.find('?');
   const std::string_view query = q == std::string_view::npos ? "" : target.substr(q + 1);
   if (query.substr(0, 2) != "r=") return Parsed<Value>::fail("missing query parameter r");
-  const auto text = SandboxCodec::percentDecode(query.substr(2));
+  const auto text = qs::percentDecode(query.substr(2));
   if (!text) return Parsed<Value>::fail("r is not percent-encoded");
   auto report = SandboxCodec::parseJson(*text);
   if (!report || !report->is_object()) return Parsed<Value>::fail("r is not a JSON object");

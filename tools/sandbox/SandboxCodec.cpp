@@ -144,24 +144,6 @@ std::optional<std::string> SandboxCodec::base64UrlDecode(std::string_view text) 
   return decode(text, kUrlSafe, false);
 }
 
-std::optional<std::string> SandboxCodec::percentDecode(std::string_view text) {
-  std::string out;
-  out.reserve(text.size());
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    if (text[i] != '%') {
-      out.push_back(text[i]);
-      continue;
-    }
-    if (i + 2 >= text.size()) return std::nullopt;
-    const int hi = hexValue(text[i + 1]);
-    const int lo = hexValue(text[i + 2]);
-    if (hi < 0 || lo < 0) return std::nullopt;
-    out.push_back(static_cast<char>(hi * 16 + lo));
-    i += 2;
-  }
-  return out;
-}
-
 std::optional<Value> SandboxCodec::parseJson(std::string_view text, std::size_t maxDepth) {
   std::size_t depth = 0;
   bool inString = false;

@@ -30,9 +30,6 @@ class SandboxCodec {
   static std::string base64UrlEncode(std::string_view bytes);
   static std::optional<std::string> base64UrlDecode(std::string_view text);
 
-  // Decodes %XX escapes; "+" stays "+". None for a broken escape.
-  static std::optional<std::string> percentDecode(std::string_view text);
-
   // Parses JSON text that came from outside. Refuses text nested deeper than
   // maxDepth (so that logging it cannot exhaust the stack) and anything the
   // parser rejects; never throws.
