@@ -9,6 +9,7 @@
 #include <sqlite3.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -18,6 +19,7 @@
 #include <mutex>
 #include <shared_mutex>
 #include <string>
+#include <thread>
 #include <utility>
 #include <variant>
 
@@ -87,6 +89,23 @@ std::variant<std::string, OpenError> queryText(sqlite3* db, const char* sql) {
   return std::string(text != nullptr ? reinterpret_cast<const char*>(text) : "");
 }
 
+// Switching a file to WAL needs a moment of exclusive access. When another
+// process opens the same new file at the same instant, SQLite can answer
+// "locked" at once without consulting the busy handler, so the switch is
+// retried here for as long as the busy time-out would have waited.
+std::variant<std::string, OpenError> switchToWal(sqlite3* db) {
+  const auto deadline =
+      std::chrono::steady_clock::now() + std::chrono::milliseconds(kBusyTimeoutMs);
+  for (;;) {
+    auto mode = queryText(db, "PRAGMA journal_mode=WAL");
+    int primary = sqlite3_errcode(db) & 0xff;
+    bool busy = std::holds_alternative<OpenError>(mode) &&
+                (primary == SQLITE_BUSY || primary == SQLITE_LOCKED);
+    if (!busy || std::chrono::steady_clock::now() >= deadline) return mode;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+}
+
 std::optional<OpenError> exec(sqlite3* db, const char* sql) {
   int rc = sqlite3_exec(db, sql, nullptr, nullptr, nullptr);
   if (rc != SQLITE_OK) return errorFrom(db, rc, sql);
@@ -148,7 +167,7 @@ std::variant<OpenedStore, OpenError> openFile(const std::string& path, Log& log)
   if (rc != SQLITE_OK) return errorFrom(db.get(), rc, "open");
   sqlite3_busy_timeout(db.get(), kBusyTimeoutMs);
 
-  auto mode = queryText(db.get(), "PRAGMA journal_mode=WAL");
+  auto mode = switchToWal(db.get());
   if (auto* error = std::get_if<OpenError>(&mode)) return *error;
   if (std::get<std::string>(mode) != "wal") {
     return OpenError{OpenError::Kind::Unusable, "the file cannot be put in WAL mode"};

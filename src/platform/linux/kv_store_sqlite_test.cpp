@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <random>
@@ -172,6 +173,8 @@ TEST_F(SqliteStore, TwoProcessesWriteTheSameFile) {
       auto store = openSqliteStore(path_, log);
       for (int i = 0; i < kWrites; ++i)
         store->setObject(std::to_string(p) + "-" + std::to_string(i), Value(i));
+      for (const auto& line : log->lines())
+        std::fprintf(stderr, "writer %d: %s\n", p, line.c_str());
       _exit(log->lines().empty() ? 0 : 1);
     }
   }
