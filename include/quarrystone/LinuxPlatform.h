@@ -42,8 +42,15 @@ QS_EXPORT std::shared_ptr<KeyValueStore> openSqliteStore(const std::string& path
                                                          std::shared_ptr<Log> log);
 QS_EXPORT std::shared_ptr<DeviceInfo> makeLinuxDeviceInfo(BundleInfo bundle,
                                                           std::optional<ScreenInfo> screen);
-QS_EXPORT std::shared_ptr<HttpClient> makeCurlHttpClient(const std::string& caFile,
-                                                         std::shared_ptr<Log> log);
-QS_EXPORT std::shared_ptr<Reachability> makeGioReachability(std::shared_ptr<MainLoop> mainLoop);
+
+// The HTTP client and the reachability monitor do their network I/O on a
+// GLib loop made by makeGlibMainLoop (`network`), which they may share; with
+// none each makes a loop on a thread of its own. A loop on the host's context
+// must be iterated by the host for them to work.
+QS_EXPORT std::shared_ptr<HttpClient> makeCurlHttpClient(
+    const std::string& caFile, std::shared_ptr<Log> log,
+    std::shared_ptr<MainLoop> network = nullptr);
+QS_EXPORT std::shared_ptr<Reachability> makeGioReachability(
+    std::shared_ptr<MainLoop> mainLoop, std::shared_ptr<MainLoop> network = nullptr);
 
 }  // namespace qs

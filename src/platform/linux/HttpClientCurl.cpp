@@ -1,10 +1,10 @@
-// The libcurl HTTP client. One network thread per client drives every
-// transfer through a single multi handle (so connections, DNS answers and TLS
-// set-up are shared between requests) and calls each completion on that
-// thread. While no transfer runs, the thread sleeps in curl_multi_poll until
-// send() or destruction wakes it; it never wakes on a timer of its own.
+// The libcurl HTTP client. One network loop (a GLib loop on a thread the
+// library runs) drives every transfer through a single multi handle, so
+// connections, DNS answers and TLS set-up are shared between requests, and
+// calls each completion on that loop's thread.
 #include <curl/curl.h>
 #include <fmt/format.h>
+#include <glib-unix.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
@@ -28,6 +28,7 @@
 #include <utility>
 #include <vector>
 
+#include "glib_context.h"
 #include "quarrystone/LinuxPlatform.h"
 
 namespace qs {
@@ -148,7 +149,7 @@ HttpError errorFor(CURLcode code, long osErrno, const char* curlText) {
 }
 
 // Certificates trusted in addition to the system store. Read-only once
-// loaded, so the network thread may use them without a lock.
+// loaded, so the network loop may use them without a lock.
 class ExtraTrust {
  public:
   ExtraTrust(const std::string& path, Log& log) {
@@ -283,115 +284,177 @@ void deliver(const HttpClient::Completion& completion, Log& log, std::optional<s
   }
 }
 
-// The state the network thread shares with the client. Kept apart from the
+// The state the network loop shares with the client. Kept apart from the
 // client so that a completion may drop the last reference to the client.
+//
+// libcurl runs in its event-driven form: it tells which sockets to watch and
+// when to wake it (onSocket, onTimer), and those become GLib sources on the
+// network loop's context. With nothing in flight only the sockets of idle
+// kept-alive connections remain attached; nothing wakes the loop.
 class CurlEngine : public std::enable_shared_from_this<CurlEngine> {
  public:
-  CurlEngine(const std::string& caFile, std::shared_ptr<Log> log)
-      : log_(std::move(log)), trust_(caFile, *log_), trustDirectory_(hashedTrustDirectory()) {}
+  CurlEngine(const std::string& caFile, std::shared_ptr<Log> log, std::shared_ptr<MainLoop> network)
+      : log_(std::move(log)),
+        trust_(caFile, *log_),
+        trustDirectory_(hashedTrustDirectory()),
+        network_(std::move(network)),
+        context_(glibContextOf(*network_)) {}
 
-  // Any thread. Starts the network thread on first use. A request refused
-  // outright (client shutting down) is completed at once on the caller's thread.
+  CurlEngine(const CurlEngine&) = delete;
+  CurlEngine& operator=(const CurlEngine&) = delete;
+
+  // Any thread. A request refused outright (client shutting down) is
+  // completed at once on the caller's thread.
   void submit(Job job) {
-    std::optional<HttpError> refusal;
+    bool wake = false;
     {
       std::lock_guard lock(mutex_);
-      if (closed_) {
-        refusal = transportError(HttpError::Code::Cancelled);
-      } else if (!multi_ && !startThread()) {
-        refusal = otherError("The network thread could not be started.");
-      } else {
+      if (!closed_) {
         incoming_.push_back(std::move(job));
-        curl_multi_wakeup(multi_);
-        return;
+        wake = !drainQueued_;
+        drainQueued_ = true;
+        if (!wake) return;
       }
     }
-    deliver(job.completion, *log_, std::nullopt, std::nullopt, std::move(refusal));
+    if (wake) {
+      network_->dispatchAsync([self = shared_from_this()] { self->drain(); });
+      return;
+    }
+    deliver(job.completion, *log_, std::nullopt, std::nullopt,
+            transportError(HttpError::Code::Cancelled));
   }
 
-  // Fails whatever is in flight with a cancelled error and stops the thread.
-  // From the network thread itself (a completion releasing the client) the
-  // thread is left to wind down on its own.
+  // Fails whatever is in flight with a cancelled error and releases libcurl.
+  // Waits for that unless called on the network loop itself (a completion
+  // releasing the client), where it happens right after the current call.
   void shutdown() {
-    std::thread worker;
     {
       std::lock_guard lock(mutex_);
+      if (stopping_) return;
       stopping_ = true;
-      if (multi_) {
-        curl_multi_wakeup(multi_);
-      } else {
-        closed_ = true;
-      }
-      worker = std::move(thread_);
     }
-    if (!worker.joinable()) return;
-    if (worker.get_id() == std::this_thread::get_id()) {
-      worker.detach();
+    if (network_->isMainThread()) {
+      network_->dispatchAsync([self = shared_from_this()] { self->teardown(); });
     } else {
-      worker.join();
+      runOnLoopAndWait(*network_, [this] { teardown(); });
     }
   }
 
  private:
   using ActiveMap = std::unordered_map<CURL*, std::unique_ptr<Transfer>>;
 
-  // REQUIRES: mutex_ held.
-  bool startThread() {
-    multi_ = curl_multi_init();
-    if (!multi_) return false;
-    try {
-      thread_ = std::thread([self = shared_from_this()] { self->run(); });
-      return true;
-    } catch (...) {
-      curl_multi_cleanup(multi_);
-      multi_ = nullptr;
-      return false;
-    }
-  }
-
-  void run() {
-    // multi_ was set before this thread started and only this thread clears it.
-    CURLM* multi = multi_;
-    ActiveMap active;
-    for (;;) {
-      std::deque<Job> jobs;
-      bool stop;
-      {
-        std::lock_guard lock(mutex_);
-        jobs.swap(incoming_);
-        stop = stopping_;
-      }
-      if (stop) {
-        cancelAll(multi, active, std::move(jobs));
-        break;
-      }
-      for (auto& job : jobs) begin(multi, active, std::move(job));
-      int running = 0;
-      curl_multi_perform(multi, &running);
-      collectFinished(multi, active);
-      curl_multi_poll(multi, nullptr, 0, INT_MAX, nullptr);
-    }
+  // Network loop: starts the requests that arrived.
+  void drain() {
+    std::deque<Job> jobs;
     {
       std::lock_guard lock(mutex_);
-      multi_ = nullptr;
+      if (stopping_) return;  // teardown() answers them
+      jobs.swap(incoming_);
+      drainQueued_ = false;
     }
-    curl_multi_cleanup(multi);
+    if (!multi_ && !startMulti()) {
+      for (auto& job : jobs) {
+        deliver(job.completion, *log_, std::nullopt, std::nullopt,
+                otherError("The request could not be started."));
+      }
+      return;
+    }
+    for (auto& job : jobs) begin(std::move(job));
+    collectFinished();
   }
 
-  void begin(CURLM* multi, ActiveMap& active, Job job) {
+  bool startMulti() {
+    multi_ = curl_multi_init();
+    if (!multi_) return false;
+    curl_multi_setopt(multi_, CURLMOPT_SOCKETFUNCTION, &CurlEngine::onSocket);
+    curl_multi_setopt(multi_, CURLMOPT_SOCKETDATA, this);
+    curl_multi_setopt(multi_, CURLMOPT_TIMERFUNCTION, &CurlEngine::onTimer);
+    curl_multi_setopt(multi_, CURLMOPT_TIMERDATA, this);
+    return true;
+  }
+
+  // libcurl: watch `fd` for `what`, or stop watching it. Only attaches and
+  // destroys sources; libcurl is driven from the sources' callbacks.
+  static int onSocket(CURL*, curl_socket_t fd, int what, void* self, void*) {
+    auto* engine = static_cast<CurlEngine*>(self);
+    engine->unwatch(fd);
+    if (what == CURL_POLL_REMOVE) return 0;
+    int condition = 0;
+    if (what == CURL_POLL_IN || what == CURL_POLL_INOUT) condition |= G_IO_IN;
+    if (what == CURL_POLL_OUT || what == CURL_POLL_INOUT) condition |= G_IO_OUT;
+    GSource* source = g_unix_fd_source_new(fd, static_cast<GIOCondition>(condition));
+    // A file-descriptor source calls a GUnixFDSourceFunc through the generic
+    // callback slot; the detour through void(*)() is GLib's own idiom.
+    auto* ready = reinterpret_cast<void (*)()>(&CurlEngine::onReady);
+    g_source_set_callback(source, reinterpret_cast<GSourceFunc>(ready), engine, nullptr);
+    g_source_attach(source, engine->context_);
+    engine->sockets_[fd] = source;
+    return 0;
+  }
+
+  void unwatch(curl_socket_t fd) {
+    auto it = sockets_.find(fd);
+    if (it == sockets_.end()) return;
+    g_source_destroy(it->second);
+    g_source_unref(it->second);
+    sockets_.erase(it);
+  }
+
+  static gboolean onReady(gint fd, GIOCondition condition, gpointer self) {
+    auto* engine = static_cast<CurlEngine*>(self);
+    int mask = 0;
+    if (condition & G_IO_IN) mask |= CURL_CSELECT_IN;
+    if (condition & G_IO_OUT) mask |= CURL_CSELECT_OUT;
+    if (condition & (G_IO_ERR | G_IO_HUP | G_IO_NVAL)) mask |= CURL_CSELECT_ERR;
+    int running = 0;
+    curl_multi_socket_action(engine->multi_, fd, mask, &running);
+    engine->collectFinished();
+    return G_SOURCE_CONTINUE;  // libcurl removes the watch through onSocket when done
+  }
+
+  // libcurl: call back in `millis` (0: at once; -1: no call wanted).
+  static int onTimer(CURLM*, long millis, void* self) {
+    auto* engine = static_cast<CurlEngine*>(self);
+    engine->cancelTimer();
+    if (millis < 0) return 0;
+    engine->timer_ = g_timeout_source_new(static_cast<guint>(std::min(millis, long{INT_MAX})));
+    g_source_set_callback(engine->timer_, &CurlEngine::onTimeout, engine, nullptr);
+    g_source_attach(engine->timer_, engine->context_);
+    return 0;
+  }
+
+  void cancelTimer() {
+    if (timer_ == nullptr) return;
+    g_source_destroy(timer_);
+    g_source_unref(timer_);
+    timer_ = nullptr;
+  }
+
+  static gboolean onTimeout(gpointer self) {
+    auto* engine = static_cast<CurlEngine*>(self);
+    // This source ends here; libcurl may ask for the next one right away.
+    g_source_unref(engine->timer_);
+    engine->timer_ = nullptr;
+    int running = 0;
+    curl_multi_socket_action(engine->multi_, CURL_SOCKET_TIMEOUT, 0, &running);
+    engine->collectFinished();
+    return G_SOURCE_REMOVE;
+  }
+
+  void begin(Job job) {
     auto transfer = std::make_unique<Transfer>();
     transfer->completion = std::move(job.completion);
     if (auto error = configure(*transfer, std::move(job.request))) {
       deliver(transfer->completion, *log_, std::nullopt, std::nullopt, std::move(error));
       return;
     }
-    if (curl_multi_add_handle(multi, transfer->easy) != CURLM_OK) {
+    if (curl_multi_add_handle(multi_, transfer->easy) != CURLM_OK) {
       deliver(transfer->completion, *log_, std::nullopt, std::nullopt,
               otherError("The request could not be started."));
       return;
     }
     CURL* easy = transfer->easy;
-    active.emplace(easy, std::move(transfer));
+    active_.emplace(easy, std::move(transfer));
   }
 
   // Sets the easy handle up; an error when the request cannot be sent at all.
@@ -480,16 +543,18 @@ class CurlEngine : public std::enable_shared_from_this<CurlEngine> {
     if (curl_slist* grown = curl_slist_append(t.headers, line.c_str())) t.headers = grown;
   }
 
-  void collectFinished(CURLM* multi, ActiveMap& active) {
+  // Network loop: completes every finished transfer. A completion may send
+  // again or release the client; both only queue work for later.
+  void collectFinished() {
     int left = 0;
-    while (CURLMsg* message = curl_multi_info_read(multi, &left)) {
+    while (CURLMsg* message = curl_multi_info_read(multi_, &left)) {
       if (message->msg != CURLMSG_DONE) continue;
-      auto it = active.find(message->easy_handle);
-      if (it == active.end()) continue;
+      auto it = active_.find(message->easy_handle);
+      if (it == active_.end()) continue;
       const CURLcode result = message->data.result;  // read before the handle is removed
       std::unique_ptr<Transfer> transfer = std::move(it->second);
-      active.erase(it);
-      curl_multi_remove_handle(multi, transfer->easy);
+      active_.erase(it);
+      curl_multi_remove_handle(multi_, transfer->easy);
       finish(*transfer, result);
     }
   }
@@ -512,42 +577,59 @@ class CurlEngine : public std::enable_shared_from_this<CurlEngine> {
     deliver(t.completion, *log_, std::move(t.body), std::move(t.response), std::nullopt);
   }
 
-  void cancelAll(CURLM* multi, ActiveMap& active, std::deque<Job> jobs) {
-    for (auto& [easy, transfer] : active) {
-      curl_multi_remove_handle(multi, easy);
+  // Network loop, once: cancels everything in flight or queued, then
+  // releases libcurl and every source it asked for.
+  void teardown() {
+    for (auto& [easy, transfer] : active_) {
+      curl_multi_remove_handle(multi_, easy);
       deliver(transfer->completion, *log_, std::nullopt, std::nullopt,
               transportError(HttpError::Code::Cancelled));
     }
-    active.clear();
+    active_.clear();
     // Completions may send again; those requests are cancelled too, until
     // nothing more arrives and later sends are refused at once.
     for (;;) {
+      std::deque<Job> jobs;
+      {
+        std::lock_guard lock(mutex_);
+        if (incoming_.empty()) {
+          closed_ = true;
+          break;
+        }
+        jobs.swap(incoming_);
+      }
       for (auto& job : jobs) {
         deliver(job.completion, *log_, std::nullopt, std::nullopt,
                 transportError(HttpError::Code::Cancelled));
       }
-      jobs.clear();
-      std::lock_guard lock(mutex_);
-      if (incoming_.empty()) {
-        closed_ = true;
-        return;
-      }
-      jobs.swap(incoming_);
     }
+    if (multi_) curl_multi_cleanup(multi_);
+    multi_ = nullptr;
+    cancelTimer();
+    while (!sockets_.empty()) unwatch(sockets_.begin()->first);
   }
 
   std::shared_ptr<Log> log_;
   const ExtraTrust trust_;
   const std::string trustDirectory_;  // empty: libcurl's default bundle and directory
+  const std::shared_ptr<MainLoop> network_;
+  GMainContext* const context_;  // network_'s
+
   std::mutex mutex_;
-  CURLM* multi_ = nullptr;    // guarded by mutex_ except in run(), see there
   std::deque<Job> incoming_;  // guarded by mutex_
+  bool drainQueued_ = false;  // guarded by mutex_
   bool stopping_ = false;     // guarded by mutex_
   bool closed_ = false;       // guarded by mutex_
-  std::thread thread_;        // guarded by mutex_
+
+  // Network loop only.
+  CURLM* multi_ = nullptr;
+  ActiveMap active_;
+  std::unordered_map<curl_socket_t, GSource*> sockets_;
+  GSource* timer_ = nullptr;
 };
 
-// Owned by the platform; the engine outlives it while its thread winds down.
+// Owned by the platform; the engine outlives it while the network loop winds
+// it down.
 class CurlHttpClient final : public HttpClient {
  public:
   explicit CurlHttpClient(std::shared_ptr<CurlEngine> engine) : engine_(std::move(engine)) {}
@@ -565,19 +647,20 @@ class CurlHttpClient final : public HttpClient {
 
 }  // namespace
 
-std::shared_ptr<HttpClient> makeCurlHttpClient(const std::string& caFile,
-                                               std::shared_ptr<Log> log) {
+std::shared_ptr<HttpClient> makeCurlHttpClient(const std::string& caFile, std::shared_ptr<Log> log,
+                                               std::shared_ptr<MainLoop> network) {
   static std::once_flag once;
   std::call_once(once, [] {
     // The process-wide manager lives until the process ends, so its network
-    // thread may still be inside a TLS handshake while exit handlers run.
+    // loop may still be inside a TLS handshake while exit handlers run.
     // OpenSSL must therefore not free its global state at exit.
     OPENSSL_init_ssl(OPENSSL_INIT_NO_ATEXIT, nullptr);
     OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
     curl_global_init(CURL_GLOBAL_DEFAULT);
   });
   if (!log) log = makeStderrLog();
-  return std::make_shared<CurlHttpClient>(std::make_shared<CurlEngine>(caFile, std::move(log)));
+  return std::make_shared<CurlHttpClient>(
+      std::make_shared<CurlEngine>(caFile, std::move(log), glibNetworkLoop(std::move(network))));
 }
 
 }  // namespace qs

@@ -3,12 +3,14 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <glib.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
 #include <filesystem>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -297,6 +299,40 @@ TEST_F(HttpClientCurlTest, TlsTrustsTheGivenAuthorityAndVerifiesPeers) {
     EXPECT_EQ(got[i].error->localizedDescription,
               "An SSL error has occurred and a secure connection to the server cannot be made.");
   }
+  loopback.stop();
+  std::filesystem::remove_all(dir);
+}
+
+// The platform runs network I/O on the library's own loop thread when the
+// library owns the main loop, and never on the host's thread when the host
+// lends its context.
+TEST(LinuxPlatformNetwork, TransfersRunOnTheLibraryLoopAndNeverOnTheHostThread) {
+  Loopback loopback;
+  loopback.server().Get("/", [](const httplib::Request&, httplib::Response& response) {
+    response.set_content("ok", "text/plain");
+  });
+  const std::string url = "http://127.0.0.1:" + loopback.start() + "/";
+  char pattern[] = "/tmp/qs-platform-XXXXXX";
+  const std::string dir = mkdtemp(pattern);
+  GMainContext* hostContext = g_main_context_new();
+  for (GMainContext* context : {static_cast<GMainContext*>(nullptr), hostContext}) {
+    DeploymentSettings settings;
+    settings.storePath = dir + "/store.sqlite";
+    LinuxPlatformOptions options;
+    options.hostContext = context;
+    options.log = std::make_shared<fake::FakeLog>();
+    Platform platform = makeLinuxPlatform(settings, options);
+    std::promise<std::pair<bool, std::optional<std::string>>> answered;
+    platform.http->send(get(url), [&](auto body, auto, auto) {
+      answered.set_value({platform.mainLoop->isMainThread(), body});
+    });
+    auto future = answered.get_future();
+    ASSERT_EQ(future.wait_for(15s), std::future_status::ready);
+    auto [onMainLoop, body] = future.get();
+    EXPECT_EQ(body, "ok");
+    EXPECT_EQ(onMainLoop, context == nullptr) << (context ? "host context" : "own loop");
+  }
+  g_main_context_unref(hostContext);
   loopback.stop();
   std::filesystem::remove_all(dir);
 }

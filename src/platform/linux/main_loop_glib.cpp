@@ -11,12 +11,14 @@
 #include <atomic>
 #include <cmath>
 #include <functional>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include "glib_context.h"
 #include "quarrystone/LinuxPlatform.h"
 
 namespace qs {
@@ -244,6 +246,8 @@ class GlibMainLoop final : public MainLoop {
     return timer;
   }
 
+  GMainContext* context() const { return context_; }
+
   bool isMainThread() const override {
     if (thread_.joinable()) return std::this_thread::get_id() == state_->mainThread.load();
     return g_main_context_is_owner(context_) ||
@@ -263,6 +267,37 @@ class GlibMainLoop final : public MainLoop {
 
 std::shared_ptr<MainLoop> makeGlibMainLoop(GMainContext* hostContext) {
   return std::make_shared<GlibMainLoop>(hostContext);
+}
+
+GMainContext* glibContextOf(const MainLoop& loop) {
+  const auto* glib = dynamic_cast<const GlibMainLoop*>(&loop);
+  return glib != nullptr ? glib->context() : nullptr;
+}
+
+std::shared_ptr<MainLoop> glibNetworkLoop(std::shared_ptr<MainLoop> network) {
+  if (network && glibContextOf(*network) != nullptr) return network;
+  return makeGlibMainLoop(nullptr);
+}
+
+bool runOnLoopAndWait(MainLoop& loop, std::function<void()> fn) {
+  if (loop.isMainThread()) {
+    fn();
+    return true;
+  }
+  // A call the loop drops destroys the promise unfulfilled, which ends the wait.
+  auto ran = std::make_shared<std::promise<void>>();
+  auto done = ran->get_future();
+  loop.dispatchAsync([ran, fn = std::move(fn)]() mutable {
+    fn();
+    ran->set_value();
+  });
+  ran.reset();
+  try {
+    done.get();
+    return true;
+  } catch (const std::future_error&) {
+    return false;
+  }
 }
 
 }  // namespace qs

@@ -1,8 +1,8 @@
 // Reachability from GIO's network monitor. A private monitor instance lives
-// on a thread of its own with its own GMainContext, so its change signals
-// arrive whatever the host does with its loops; changes are handed to the
-// platform MainLoop. Flags are computed from a cached copy of the monitor's
-// state (plus a kernel route probe for numeric addresses), so reading them is
+// on the adapters' network loop (a GLib loop the library runs, shared with
+// the HTTP client), so its change signals arrive whatever the host does with
+// its own loops; changes are handed to the platform MainLoop. Flags are computed from a cached copy
+// of the monitor's state (plus a kernel route probe for numeric addresses), so reading them is
 // cheap and safe from any thread and never waits on DNS.
 #include "reachability_gio.h"
 
@@ -14,13 +14,12 @@
 #include <cctype>
 #include <cerrno>
 #include <functional>
-#include <future>
 #include <memory>
 #include <mutex>
-#include <thread>
 #include <utility>
 #include <vector>
 
+#include "glib_context.h"
 #include "quarrystone/LinuxPlatform.h"
 
 namespace qs {
@@ -130,7 +129,7 @@ std::optional<bool> routeExists(const std::string& numeric) {
   return result;
 }
 
-// One target's state, shared between its owner, the watcher thread and the
+// One target's state, shared between its owner, the network loop and the
 // callbacks queued on the main loop.
 struct TargetCore {
   TargetCore(ReachabilityTargetKind k, std::string probe)
@@ -146,42 +145,33 @@ struct TargetCore {
 void onNetworkChanged(GNetworkMonitor*, gboolean, gpointer watcher);
 void onPropertyChanged(GObject*, GParamSpec*, gpointer watcher);
 
-// Owns the monitor thread and the private GNetworkMonitor on it. Thread
-// contract: add() and flagsOf() from any thread; the monitor and its
-// signals only on the monitor thread. Destruction stops and joins the thread.
+// Owns a private GNetworkMonitor that lives on the network loop: it is made
+// there, signals there and is released there. Thread contract: add() and
+// flagsOf() from any thread; the monitor and its signals only on the network
+// loop's thread.
 class NetworkWatcher {
  public:
   // Null when no monitor can be made.
-  static std::shared_ptr<NetworkWatcher> start(std::shared_ptr<MainLoop> mainLoop) {
-    auto watcher = std::make_shared<NetworkWatcher>(std::move(mainLoop));
+  static std::shared_ptr<NetworkWatcher> start(std::shared_ptr<MainLoop> mainLoop,
+                                               std::shared_ptr<MainLoop> network) {
+    auto watcher = std::make_shared<NetworkWatcher>(std::move(mainLoop), std::move(network));
     return watcher->run() ? watcher : nullptr;
   }
 
-  explicit NetworkWatcher(std::shared_ptr<MainLoop> mainLoop)
-      : mainLoop_(std::move(mainLoop)),
-        context_(g_main_context_new()),
-        loop_(g_main_loop_new(context_, FALSE)) {}
+  NetworkWatcher(std::shared_ptr<MainLoop> mainLoop, std::shared_ptr<MainLoop> network)
+      : mainLoop_(std::move(mainLoop)), network_(std::move(network)) {}
 
   NetworkWatcher(const NetworkWatcher&) = delete;
   NetworkWatcher& operator=(const NetworkWatcher&) = delete;
 
   ~NetworkWatcher() {
-    if (thread_.joinable()) {
-      GSource* quit = g_idle_source_new();
-      g_source_set_priority(quit, G_PRIORITY_HIGH);
-      g_source_set_callback(
-          quit,
-          [](gpointer loop) -> gboolean {
-            g_main_loop_quit(static_cast<GMainLoop*>(loop));
-            return G_SOURCE_REMOVE;
-          },
-          loop_, nullptr);
-      g_source_attach(quit, context_);
-      g_source_unref(quit);
-      thread_.join();
-    }
-    g_main_loop_unref(loop_);
-    g_main_context_unref(context_);
+    if (monitor_ == nullptr) return;
+    runOnLoopAndWait(*network_, [this] {
+      g_signal_handlers_disconnect_matched(monitor_, G_SIGNAL_MATCH_DATA, 0, 0, nullptr, nullptr,
+                                           this);
+      g_object_unref(monitor_);
+      monitor_ = nullptr;
+    });
   }
 
   void add(const std::shared_ptr<TargetCore>& target) {
@@ -205,7 +195,7 @@ class NetworkWatcher {
     return reachabilityFlagsFor(network, target.kind, route);
   }
 
-  // Monitor thread: refreshes the state and reports every scheduled target
+  // Network loop: refreshes the state and reports every scheduled target
   // whose flags changed, through the main loop.
   void refresh() {
     readState();
@@ -238,47 +228,37 @@ class NetworkWatcher {
   }
 
  private:
-  // Starts the thread and waits until the monitor exists (or has failed).
+  // Makes the monitor on the network loop and waits until it exists (or
+  // has failed).
   bool run() {
     // The process-wide monitor tells which implementation GIO picked; ours is
-    // a fresh instance of it, made on our thread so it signals on our context.
+    // a fresh instance of it, made with the network loop's context as the
+    // thread default so that it signals there.
     GNetworkMonitor* shared = g_network_monitor_get_default();
-    if (shared == nullptr) return false;
+    GMainContext* context = glibContextOf(*network_);
+    if (shared == nullptr || context == nullptr) return false;
     GType type = reinterpret_cast<GTypeInstance*>(shared)->g_class->g_type;
-    std::promise<bool> started;
-    auto ready = started.get_future();
-    thread_ = std::thread([this, type, started = std::move(started)]() mutable {
-      g_main_context_push_thread_default(context_);
+    runOnLoopAndWait(*network_, [this, type, context] {
+      g_main_context_push_thread_default(context);
       GError* error = nullptr;
       auto* monitor = static_cast<GNetworkMonitor*>(g_initable_new(type, nullptr, &error, nullptr));
       if (error != nullptr) g_error_free(error);
-      if (monitor != nullptr) {
-        monitor_ = monitor;
-        g_signal_connect_data(monitor, "network-changed",
-                              reinterpret_cast<GCallback>(&onNetworkChanged), this, nullptr,
-                              static_cast<GConnectFlags>(0));
-        for (const char* signal : {"notify::connectivity", "notify::network-metered"}) {
-          g_signal_connect_data(monitor, signal, reinterpret_cast<GCallback>(&onPropertyChanged),
-                                this, nullptr, static_cast<GConnectFlags>(0));
-        }
-        readState();
+      g_main_context_pop_thread_default(context);
+      if (monitor == nullptr) return;
+      monitor_ = monitor;
+      g_signal_connect_data(monitor, "network-changed",
+                            reinterpret_cast<GCallback>(&onNetworkChanged), this, nullptr,
+                            static_cast<GConnectFlags>(0));
+      for (const char* signal : {"notify::connectivity", "notify::network-metered"}) {
+        g_signal_connect_data(monitor, signal, reinterpret_cast<GCallback>(&onPropertyChanged),
+                              this, nullptr, static_cast<GConnectFlags>(0));
       }
-      started.set_value(monitor != nullptr);
-      if (monitor != nullptr) {
-        g_main_loop_run(loop_);
-        g_signal_handlers_disconnect_matched(monitor, G_SIGNAL_MATCH_DATA, 0, 0, nullptr, nullptr,
-                                             this);
-        monitor_ = nullptr;
-        g_object_unref(monitor);
-      }
-      g_main_context_pop_thread_default(context_);
+      readState();
     });
-    if (ready.get()) return true;
-    thread_.join();
-    return false;
+    return monitor_ != nullptr;
   }
 
-  // Monitor thread only.
+  // Network loop only.
   void readState() {
     NetworkState network{g_network_monitor_get_network_available(monitor_) != FALSE,
                          g_network_monitor_get_connectivity(monitor_),
@@ -288,10 +268,9 @@ class NetworkWatcher {
   }
 
   std::shared_ptr<MainLoop> mainLoop_;
-  GMainContext* context_;  // owned
-  GMainLoop* loop_;        // owned
-  std::thread thread_;
-  GNetworkMonitor* monitor_ = nullptr;  // monitor thread only
+  std::shared_ptr<MainLoop> network_;
+  // Written on the network loop while start() or the destructor waits for it.
+  GNetworkMonitor* monitor_ = nullptr;
   mutable std::mutex mutex_;
   NetworkState state_;                              // guarded by mutex_
   std::vector<std::weak_ptr<TargetCore>> targets_;  // guarded by mutex_
@@ -345,7 +324,8 @@ class GioReachabilityTarget final : public ReachabilityTarget {
 // Thread contract: any thread.
 class GioReachability final : public Reachability {
  public:
-  explicit GioReachability(std::shared_ptr<MainLoop> mainLoop) : mainLoop_(std::move(mainLoop)) {}
+  GioReachability(std::shared_ptr<MainLoop> mainLoop, std::shared_ptr<MainLoop> network)
+      : mainLoop_(std::move(mainLoop)), network_(std::move(network)) {}
 
   std::unique_ptr<ReachabilityTarget> targetForHostName(const std::string& host) override {
     return make(host, /*mustBeAddress=*/false);
@@ -370,7 +350,7 @@ class GioReachability final : public Reachability {
       // The watcher starts with the first target and stays for the rest.
       std::lock_guard lock(mutex_);
       if (!watcher_ && !watcherFailed_) {
-        watcher_ = NetworkWatcher::start(mainLoop_);
+        watcher_ = NetworkWatcher::start(mainLoop_, glibNetworkLoop(network_));
         watcherFailed_ = !watcher_;
       }
       watcher = watcher_;
@@ -381,6 +361,7 @@ class GioReachability final : public Reachability {
   }
 
   std::shared_ptr<MainLoop> mainLoop_;
+  std::shared_ptr<MainLoop> network_;  // null: a loop of the watcher's own
   std::mutex mutex_;
   std::shared_ptr<NetworkWatcher> watcher_;  // guarded by mutex_
   bool watcherFailed_ = false;               // guarded by mutex_
@@ -388,8 +369,9 @@ class GioReachability final : public Reachability {
 
 }  // namespace
 
-std::shared_ptr<Reachability> makeGioReachability(std::shared_ptr<MainLoop> mainLoop) {
-  return std::make_shared<GioReachability>(std::move(mainLoop));
+std::shared_ptr<Reachability> makeGioReachability(std::shared_ptr<MainLoop> mainLoop,
+                                                  std::shared_ptr<MainLoop> network) {
+  return std::make_shared<GioReachability>(std::move(mainLoop), std::move(network));
 }
 
 }  // namespace qs
