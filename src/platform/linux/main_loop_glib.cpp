@@ -6,6 +6,7 @@
 // wakes it. Sources of equal priority that are ready together run in the
 // order they were attached, which keeps dispatches first-in, first-out.
 #include <glib.h>
+#include <pthread.h>
 
 #include <algorithm>
 #include <atomic>
@@ -184,6 +185,8 @@ class GlibMainLoop final : public MainLoop {
     GMainContext* context = g_main_context_ref(context_);
     GMainLoop* loop = g_main_loop_ref(loop_);
     thread_ = std::thread([context, loop] {
+      // The name shows in debuggers and /proc; at most 15 characters.
+      pthread_setname_np(pthread_self(), "qs-loop");
       g_main_context_push_thread_default(context);
       g_main_loop_run(loop);
       g_main_context_pop_thread_default(context);

@@ -1,6 +1,8 @@
 // Posted tasks run on threads made on demand and ended when idle.
 #include "worker_pool_threads.h"
 
+#include <pthread.h>
+
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -43,6 +45,7 @@ void runTask(std::function<void()>& task) {
 }
 
 void workerMain(std::shared_ptr<PoolState> state) {
+  pthread_setname_np(pthread_self(), "qs-worker");
   currentPool = state.get();
   std::unique_lock lock(state->mutex);
   for (;;) {
