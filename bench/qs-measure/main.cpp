@@ -15,7 +15,9 @@
 // each starts cold: new process, new store file, new connection.
 //
 // Usage: qs-measure [--runs N] [--idle SECONDS] [--sandbox PATH] [--ca PEM]
+//                   [--host-context]
 #include <dirent.h>
+#include <pthread.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -40,6 +42,7 @@
 #include <vector>
 
 #include <fmt/format.h>
+#include <glib.h>
 
 #include "manager/QSManagerHelper.h"
 #include "quarrystone/LinuxPlatform.h"
@@ -63,6 +66,9 @@ struct Options {
   std::string appId;
   std::string store;
   bool trace = false;  // the library's log lines, with times, in the report
+  // The host lends its GLib context (run here by a stand-in host thread)
+  // instead of letting the library run its own loop.
+  bool hostContext = false;
 };
 
 // ---------------------------------------------------------------- child ---
@@ -166,6 +172,23 @@ int runChild(const Options& o) {
   qs::LinuxPlatformOptions platformOptions;
   platformOptions.bundle = qs::BundleInfo{"1.0", "qs-measure", "org.quarrystone.measure", {"en"}};
   platformOptions.log = log;
+  // The stand-in host runs its loop on a thread of its own, so that this
+  // thread stays free to measure; it belongs to the host, not the library.
+  GMainContext* hostContext = nullptr;
+  GMainLoop* hostLoop = nullptr;
+  std::thread hostThread;
+  if (o.hostContext) {
+    hostContext = g_main_context_new();
+    hostLoop = g_main_loop_new(hostContext, FALSE);
+    platformOptions.hostContext = hostContext;
+    hostThread = std::thread([hostContext, hostLoop] {
+      pthread_setname_np(pthread_self(), "host-loop");
+      g_main_context_push_thread_default(hostContext);
+      g_main_loop_run(hostLoop);
+    });
+    hostThread.detach();  // the process ends with _Exit below
+    while (!g_main_loop_is_running(hostLoop)) std::this_thread::yield();
+  }
   const long mainThread = static_cast<long>(getpid());
   const auto before = sampleThreads();
 
@@ -316,10 +339,15 @@ std::optional<RunResult> runOnce(const Options& o, const std::string& self, cons
                                  const std::string& dir, int index, double idleSeconds) {
   const std::string appId = "measure-" + std::to_string(getpid()) + "-" + std::to_string(index);
   const std::string store = dir + "/" + appId + ".sqlite";
-  auto spawned =
-      spawnWithOutput({self, "--child", "--port", std::to_string(sandbox.port), "--app-id", appId,
-                       "--store", store, "--ca", o.ca, "--idle", std::to_string(idleSeconds),
-                       "--settle", std::to_string(o.settleSeconds)});
+  std::vector<std::string> args = {self,       "--child",
+                                   "--port",   std::to_string(sandbox.port),
+                                   "--app-id", appId,
+                                   "--store",  store,
+                                   "--ca",     o.ca,
+                                   "--idle",   std::to_string(idleSeconds),
+                                   "--settle", std::to_string(o.settleSeconds)};
+  if (o.hostContext) args.emplace_back("--host-context");
+  auto spawned = spawnWithOutput(args);
   if (!spawned) return std::nullopt;
   const std::string line = readLine(spawned->second);
   std::fclose(spawned->second);
@@ -389,6 +417,8 @@ int runParent(const Options& o, const std::string& self) {
   const std::string dir = dirTemplate;
   std::printf("qs-measure: %d runs per series, loopback HTTPS, real Linux platform\n", o.runs);
   std::printf("machine: %u hardware threads\n", std::thread::hardware_concurrency());
+  std::printf("main loop: %s\n", o.hostContext ? "the host's GLib context (--host-context)"
+                                               : "the library's own loop thread");
 
   int index = 0;
   std::vector<RunResult> withChallenge, direct;
@@ -446,6 +476,8 @@ bool parse(int argc, char** argv, Options& o) {
       o.child = true;
     } else if (arg == "--trace") {
       o.trace = true;
+    } else if (arg == "--host-context") {
+      o.hostContext = true;
     } else if (arg == "--runs") {
       ok = take(o.runs) && o.runs > 0;
     } else if (arg == "--idle") {

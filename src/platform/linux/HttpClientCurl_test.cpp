@@ -131,8 +131,9 @@ class HttpClientCurlTest : public ::testing::Test {
     op->setDelegate(inbox);
     manager.addNetworkOperation(op);
   }
-  // Joins the network thread: every completion has then run to its end, and
-  // the client's connections close before the test's server stops.
+  // Waits until the network loop has wound the client down: every completion
+  // has then run to its end, and the client's connections close before the
+  // test's server stops.
   void stopClient() { platform.http.reset(); }
 
   fake::FakePlatform fake;
