@@ -231,6 +231,19 @@ TEST_F(HttpClientCurlTest, DestructionCancelsTransfersInFlight) {
   ASSERT_EQ(got.size(), 2u);
   EXPECT_EQ(got[0].error.value().code, Code::Cancelled);
   EXPECT_EQ(got[1].error.value().code, Code::Cancelled);
+
+  // A completion may drop the last reference to its client; the client then
+  // winds down on its network loop after the completion returns.
+  SilentPort refusing(false);
+  auto holder = std::make_shared<std::shared_ptr<HttpClient>>(makeCurlHttpClient("", fake.log));
+  std::promise<std::optional<HttpError>> dropped;
+  (*holder)->send(get(refusing.url), [holder, &dropped](auto, auto, auto error) {
+    holder->reset();
+    dropped.set_value(error);
+  });
+  auto error = dropped.get_future();
+  ASSERT_EQ(error.wait_for(15s), std::future_status::ready);
+  EXPECT_EQ(error.get().value().code, Code::CannotConnect);
 }
 
 TEST_F(HttpClientCurlTest, ManyOperationsInFlightAllComplete) {

@@ -223,29 +223,34 @@ class GlibMainLoop final : public MainLoop {
     g_main_context_unref(context_);
   }
 
+  // Both read every member they need before the SourceCall hands over: once
+  // the source is attached it may run, and drop the last reference to this
+  // loop, on the loop's thread, and the sanitizer only sees the hand-over.
   void dispatchAsync(std::function<void()> fn) override {
+    GMainContext* context = context_;
     auto* call = new SourceCall([state = state_, fn = std::move(fn)] {
       if (!state->alive.load()) return;
       state->mainThread.store(std::this_thread::get_id());
       fn();
     });
     GSource* source = newCallSource(0, runSourceCall, call, deleteSourceCall);
-    g_source_attach(source, context_);
+    g_source_attach(source, context);
     g_source_unref(source);
   }
 
   std::shared_ptr<Timer> scheduleTimer(double seconds, std::function<void()> fn) override {
+    GMainContext* context = context_;
     auto timer = std::make_shared<GlibTimer>(state_, std::move(fn));
-    // The source holds the timer strongly, so a timer the caller drops still fires.
-    GSource* source = newCallSource(readyTimeAfter(seconds), runSourceCall,
-                                    new SourceCall([timer] { timer->fire(); }), deleteSourceCall);
-    timer->adopt(source);
     {
       std::lock_guard lock(timersMutex_);
       std::erase_if(timers_, [](const auto& weak) { return weak.expired(); });
       timers_.push_back(timer);
     }
-    g_source_attach(source, context_);
+    // The source holds the timer strongly, so a timer the caller drops still fires.
+    GSource* source = newCallSource(readyTimeAfter(seconds), runSourceCall,
+                                    new SourceCall([timer] { timer->fire(); }), deleteSourceCall);
+    timer->adopt(source);
+    g_source_attach(source, context);
     return timer;
   }
 
