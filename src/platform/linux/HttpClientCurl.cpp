@@ -9,6 +9,7 @@
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
+#include <pthread.h>
 
 #include <algorithm>
 #include <cctype>
@@ -23,6 +24,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <thread>
 #include <unordered_map>
 #include <utility>
@@ -305,10 +307,18 @@ class CurlEngine : public std::enable_shared_from_this<CurlEngine> {
 
   // The first TLS context a process makes costs OpenSSL about a millisecond
   // of one-time set-up (it fetches and caches its algorithms). Paying it on
-  // the network loop as soon as the client exists keeps it out of the first
-  // exchange, which otherwise waits for it between connecting and greeting.
-  void warmUp() {
-    network_->dispatchAsync([] { SSL_CTX_free(SSL_CTX_new(TLS_client_method())); });
+  // a short-lived thread as soon as the client exists keeps it out of the
+  // first exchange, which otherwise waits for it between connecting and
+  // greeting, and off the network loop, which is busy at start-up. Without
+  // the thread the cost simply stays where it was.
+  static void warmUp() {
+    try {
+      std::thread([] {
+        pthread_setname_np(pthread_self(), "qs-tls-warmup");
+        SSL_CTX_free(SSL_CTX_new(TLS_client_method()));
+      }).detach();
+    } catch (const std::system_error&) {
+    }
   }
 
   // Any thread. A request refused outright (client shutting down) is
@@ -669,7 +679,7 @@ std::shared_ptr<HttpClient> makeCurlHttpClient(const std::string& caFile, std::s
   if (!log) log = makeStderrLog();
   auto engine =
       std::make_shared<CurlEngine>(caFile, std::move(log), glibNetworkLoop(std::move(network)));
-  engine->warmUp();
+  CurlEngine::warmUp();
   return std::make_shared<CurlHttpClient>(std::move(engine));
 }
 
