@@ -305,18 +305,22 @@ class CurlEngine : public std::enable_shared_from_this<CurlEngine> {
   CurlEngine(const CurlEngine&) = delete;
   CurlEngine& operator=(const CurlEngine&) = delete;
 
+  ~CurlEngine() { joinWarmUp(); }
+
   // The first TLS context a process makes costs OpenSSL about a millisecond
   // of one-time set-up (it fetches and caches its algorithms). Paying it on
   // a short-lived thread as soon as the client exists keeps it out of the
   // first exchange, which otherwise waits for it between connecting and
   // greeting, and off the network loop, which is busy at start-up. Without
-  // the thread the cost simply stays where it was.
-  static void warmUp() {
+  // the thread the cost simply stays where it was. shutdown() joins it, so
+  // it never outlives the client.
+  void warmUp() {
+    std::lock_guard lock(mutex_);
     try {
-      std::thread([] {
+      warmUp_ = std::thread([] {
         pthread_setname_np(pthread_self(), "qs-tls-warmup");
         SSL_CTX_free(SSL_CTX_new(TLS_client_method()));
-      }).detach();
+      });
     } catch (const std::system_error&) {
     }
   }
@@ -351,6 +355,7 @@ class CurlEngine : public std::enable_shared_from_this<CurlEngine> {
       if (stopping_) return;
       stopping_ = true;
     }
+    joinWarmUp();
     if (network_->isMainThread()) {
       network_->dispatchAsync([self = shared_from_this()] { self->teardown(); });
     } else {
@@ -360,6 +365,15 @@ class CurlEngine : public std::enable_shared_from_this<CurlEngine> {
 
  private:
   using ActiveMap = std::unordered_map<CURL*, std::unique_ptr<Transfer>>;
+
+  void joinWarmUp() {
+    std::thread warmUp;
+    {
+      std::lock_guard lock(mutex_);
+      warmUp = std::move(warmUp_);
+    }
+    if (warmUp.joinable()) warmUp.join();
+  }
 
   // Network loop: starts the requests that arrived.
   void drain() {
@@ -638,6 +652,7 @@ class CurlEngine : public std::enable_shared_from_this<CurlEngine> {
   bool drainQueued_ = false;  // guarded by mutex_
   bool stopping_ = false;     // guarded by mutex_
   bool closed_ = false;       // guarded by mutex_
+  std::thread warmUp_;        // guarded by mutex_
 
   // Network loop only.
   CURLM* multi_ = nullptr;
@@ -679,7 +694,7 @@ std::shared_ptr<HttpClient> makeCurlHttpClient(const std::string& caFile, std::s
   if (!log) log = makeStderrLog();
   auto engine =
       std::make_shared<CurlEngine>(caFile, std::move(log), glibNetworkLoop(std::move(network)));
-  CurlEngine::warmUp();
+  engine->warmUp();
   return std::make_shared<CurlHttpClient>(std::move(engine));
 }
 
