@@ -312,8 +312,10 @@ class CurlEngine : public std::enable_shared_from_this<CurlEngine> {
   // a short-lived thread as soon as the client exists keeps it out of the
   // first exchange, which otherwise waits for it between connecting and
   // greeting, and off the network loop, which is busy at start-up. Without
-  // the thread the cost simply stays where it was. shutdown() joins it, so
-  // it never outlives the client.
+  // the thread the cost simply stays where it was. The network loop joins it
+  // after the first completion (it has long finished by then), and shutdown
+  // joins it otherwise, so it never outlives the client and no thread is
+  // left unjoined in a process whose client is never destroyed.
   void warmUp() {
     std::lock_guard lock(mutex_);
     try {
@@ -588,6 +590,10 @@ class CurlEngine : public std::enable_shared_from_this<CurlEngine> {
       active_.erase(it);
       curl_multi_remove_handle(multi_, transfer->easy);
       finish(*transfer, result);
+      if (!warmUpJoined_) {
+        joinWarmUp();
+        warmUpJoined_ = true;
+      }
     }
   }
 
@@ -659,6 +665,7 @@ class CurlEngine : public std::enable_shared_from_this<CurlEngine> {
   ActiveMap active_;
   std::unordered_map<curl_socket_t, GSource*> sockets_;
   GSource* timer_ = nullptr;
+  bool warmUpJoined_ = false;
 };
 
 // Owned by the platform; the engine outlives it while the network loop winds
