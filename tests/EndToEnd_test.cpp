@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "HeadlessToolkit.h"
 #include "SandboxProcess.h"
 #include "quarrystone/LinuxPlatform.h"
 #include "quarrystone/QSFieldsMapping.h"
@@ -86,8 +87,8 @@ TEST(EndToEnd, DemoFlowAsTheSandboxSawIt) {
   std::vector<std::string> env = sanitizerEnvironment(dir.path());
   env.insert(env.end(), {"QS_COLLECTOR_HOST_PATTERN=" + settings.collectorHostPattern,
                          "QS_WEB_DOMAIN=" + settings.webDomain, "QS_CA_FILE=" + settings.caFile,
-                         "QS_STORE_PATH=" + settings.storePath, "GSK_RENDERER=cairo",
-                         "GTK_A11Y=none", "NO_AT_BRIDGE=1"});
+                         "QS_STORE_PATH=" + settings.storePath});
+  for (auto& entry : test::headlessToolkitEnvironment()) env.push_back(std::move(entry));
   ChildProcess host({"xvfb-run", "-a", demo, "--expect-renewal", "--timeout", "60"}, env,
                     (dir.path() / "demo.out").string());
   ASSERT_TRUE(host.started());

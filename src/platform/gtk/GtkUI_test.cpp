@@ -1,6 +1,7 @@
 // The block/captcha controller in the real web engine. Needs an X display:
 // without one the test program starts its own Xvfb server.
-#include "GtkUI.h"
+#include "quarrystone/gtk/GtkUI.h"
+#include "GtkWebView.h"
 
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -15,6 +16,7 @@
 #include <utility>
 
 #include "FakePlatform.h"
+#include "HeadlessToolkit.h"
 #include "block/QSWebViewController.h"
 
 namespace qs {
@@ -26,14 +28,10 @@ constexpr const char* kLibraryUA = "QuarrystoneTest/1.0 (X11; Scale/1.00)";
 class DisplayEnvironment final : public ::testing::Environment {
  public:
   void SetUp() override {
-    setenv("GTK_A11Y", "none", 1);
-    setenv("NO_AT_BRIDGE", "1", 1);
+    test::applyHeadlessToolkitEnvironment();
     if (std::getenv("DISPLAY") == nullptr && std::getenv("WAYLAND_DISPLAY") == nullptr) {
       startXvfb();
     }
-    setenv("GDK_BACKEND", "x11", 1);
-    // Software GL would only slow the tests down and run unchecked threads.
-    setenv("GSK_RENDERER", "cairo", 0);
     ASSERT_TRUE(gtk_init_check()) << "no usable display";
     // A critical message is a programming error somewhere in the toolkit's
     // use: stop the test there.
