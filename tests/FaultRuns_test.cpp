@@ -25,6 +25,7 @@ class FaultRuns : public ::testing::Test {
     LinuxPlatformOptions options;
     options.bundle = {"1.0", "Fault Host", "com.example.fault", {"en"}};
     options.log = log;
+    options.logLevel = LogLevel::Debug;
     manager = QSManager::create(makeLinuxPlatform(settings, options), settings);
     manager->setDelegate(delegate);
   }

@@ -76,7 +76,8 @@ struct Options {
 // Keeps the library's log lines; the report prints them only on failure.
 class MemoryLog final : public qs::Log {
  public:
-  void write(std::string_view line) override {
+  using qs::Log::write;
+  void write(qs::LogLevel, std::string_view line) override {
     const double ms =
         std::chrono::duration<double, std::milli>(SteadyClock::now() - start_).count();
     std::lock_guard lock(mutex_);
@@ -172,6 +173,7 @@ int runChild(const Options& o) {
   qs::LinuxPlatformOptions platformOptions;
   platformOptions.bundle = qs::BundleInfo{"1.0", "qs-measure", "org.quarrystone.measure", {"en"}};
   platformOptions.log = log;
+  platformOptions.logLevel = qs::LogLevel::Debug;
   // The stand-in host runs its loop on a thread of its own, so that this
   // thread stays free to measure; it belongs to the host, not the library.
   GMainContext* hostContext = nullptr;

@@ -3,6 +3,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "quarrystone/DeploymentSettings.h"
 #include "quarrystone/Export.h"
@@ -19,7 +20,11 @@ struct QS_EXPORT LinuxPlatformOptions {
   // The GLib main context that the host runs on its main thread. Null: the
   // library runs its own context on a thread of its own.
   GMainContext* hostContext = nullptr;
-  std::shared_ptr<Log> log;  // null: stderr
+  // Where the library's log lines go (null: stderr), and the least level
+  // that is written there. By default only warnings and errors are written;
+  // LogLevel::Debug gives the library's whole step-by-step trace.
+  std::shared_ptr<Log> log;
+  LogLevel logLevel = LogLevel::Warning;
 };
 
 // The real Linux platform: GLib main loop, GIO network monitor, libcurl,
@@ -30,7 +35,13 @@ QS_EXPORT Platform makeLinuxPlatform(const DeploymentSettings& settings,
 
 // The individual adapters, for hosts that mix their own services in.
 // Caller-owned results (shared).
-QS_EXPORT std::shared_ptr<Log> makeStderrLog();
+// Writes the lines at or above `minimum` to stderr, prefixed "Quarrystone: ".
+QS_EXPORT std::shared_ptr<Log> makeStderrLog(LogLevel minimum = LogLevel::Warning);
+// Passes on to `sink` the lines at or above `minimum`.
+QS_EXPORT std::shared_ptr<Log> makeFilteredLog(std::shared_ptr<Log> sink, LogLevel minimum);
+// "debug", "info", "warning" or "error", and back.
+QS_EXPORT const char* logLevelName(LogLevel level);
+QS_EXPORT std::optional<LogLevel> logLevelFromName(std::string_view name);
 QS_EXPORT std::shared_ptr<Clock> makeSystemClock();
 QS_EXPORT std::shared_ptr<NotificationCenter> makeLocalNotificationCenter();
 QS_EXPORT std::shared_ptr<KeyedArchiver> makeCborArchiver();

@@ -119,7 +119,7 @@ class QS_EXPORT QSManager : public QSWebViewDelegate,
  private:
   QSManager(Platform platform, DeploymentSettings settings);
   void init();
-  void log(const std::string& line) const;
+  void log(const std::string& line, LogLevel level = LogLevel::Debug) const;
 
   const Platform platform_;
   const DeploymentSettings settings_;

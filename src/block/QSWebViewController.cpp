@@ -88,14 +88,14 @@ QSWebViewController::QSWebViewController(Platform platform, std::string userAgen
   platform_.ui.reset();
 }
 
-void QSWebViewController::log(const std::string& line) const {
-  if (platform_.log) platform_.log->write(line);
+void QSWebViewController::log(const std::string& line, LogLevel level) const {
+  if (platform_.log) platform_.log->write(level, line);
 }
 
 void QSWebViewController::viewDidLoad() {
   auto ui = ui_.lock();
   if (!ui) {
-    log("QSWebViewController: no UI on this platform, nothing to show");
+    log("QSWebViewController: no UI on this platform, nothing to show", LogLevel::Warning);
     return;
   }
   Rect frame;
@@ -166,7 +166,7 @@ bool QSWebViewController::captchaSuccess(const std::string& url) {
       return lenientIntegerValue(item.value.value_or("")) == 0;
     }
   }
-  log(kMissingStatusMessage);
+  log(kMissingStatusMessage, LogLevel::Warning);
   if (reportError_) reportError_(kMissingStatusMessage);
   return false;
 }

@@ -63,7 +63,7 @@ class QSWebViewController final : public ViewController,
   void resetUserAgent();
 
  private:
-  void log(const std::string& line) const;
+  void log(const std::string& line, LogLevel level = LogLevel::Debug) const;
 
   Platform platform_;  // without `ui`: the UI owns presented controllers
   std::weak_ptr<UI> ui_;

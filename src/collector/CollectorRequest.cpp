@@ -87,7 +87,8 @@ void CollectorRequest::taskCompletedWith(const std::optional<std::string>& data,
                                          const std::optional<HttpError>& error) {
   utils_->stopTimerForCollectorRequest();
   if (error) {
-    log(fmt::format("CollectorRequest received error: {}", error->localizedDescription));
+    log(fmt::format("CollectorRequest received error: {}", error->localizedDescription),
+        LogLevel::Warning);
     handleCollectorError(activityType);
     return;
   }
@@ -97,7 +98,7 @@ void CollectorRequest::taskCompletedWith(const std::optional<std::string>& data,
   if (!response) {
     // A malformed command stops the parse; nothing of it is used and the
     // exchange counts as failed.
-    log(fmt::format("CollectorRequest received error: {}", parseError));
+    log(fmt::format("CollectorRequest received error: {}", parseError), LogLevel::Warning);
     handleCollectorError(activityType);
     return;
   }
@@ -166,9 +167,9 @@ void CollectorRequest::notifyDelegateOnNewHeaders() {
       delegate->managerReady(headers);
     }
   } catch (const std::exception& e) {
-    log(fmt::format("QSManagerDelegate callback threw: {}", e.what()));
+    log(fmt::format("QSManagerDelegate callback threw: {}", e.what()), LogLevel::Error);
   } catch (...) {
-    log("QSManagerDelegate callback threw");
+    log("QSManagerDelegate callback threw", LogLevel::Error);
   }
 }
 

@@ -61,7 +61,9 @@ class CollectorRequest : public QSPostOperationDelegate,
   static std::string toFormSubmitPostString(const Value& body);
 
  private:
-  void log(const std::string& line) const { platform_.log->write(line); }
+  void log(const std::string& line, LogLevel level = LogLevel::Debug) const {
+    platform_.log->write(level, line);
+  }
 
   const std::weak_ptr<QSManager> manager_;
   const Platform platform_;

@@ -39,6 +39,9 @@ TEST_F(CollectorExchangeTest, FailedFirstExchangeMakesTheManagerReadyAndRetriesS
   EXPECT_EQ(calls[0].headers, (HeaderMap{{"X-QS-AUTHORIZATION", "1"}}));
   EXPECT_TRUE(
       fake.log->contains("CollectorRequest received error: Could not connect to the server."));
+  // A failed exchange is a warning a host sees by default; the steps are trace.
+  EXPECT_EQ(fake.log->levelOf("CollectorRequest received error"), LogLevel::Warning);
+  EXPECT_EQ(fake.log->levelOf("setTimerForAppInitActivity"), LogLevel::Debug);
   EXPECT_DOUBLE_EQ(fake.mainLoop->nextFireTime(), now() + 60);
 
   fake.mainLoop->advance(59.5);

@@ -9,7 +9,8 @@ QSStorage::QSStorage(std::shared_ptr<KeyValueStore> store, std::shared_ptr<Keyed
 std::optional<Value> QSStorage::getOfKind(const char* key, bool (*isKind)(const Value&)) {
   auto value = store_->objectForKey(key);
   if (value && !isKind(*value)) {
-    log_->write(std::string("QSStorage - ignoring a stored value of the wrong kind under ") + key);
+    log_->write(LogLevel::Warning,
+                std::string("QSStorage - ignoring a stored value of the wrong kind under ") + key);
     return std::nullopt;
   }
   return value;
@@ -47,14 +48,18 @@ std::optional<QSCookie> QSStorage::getCookie() {
       const auto& binary = (*stored)[0].get_binary();
       auto root = archiver_->unarchive(Bytes(binary.begin(), binary.end()));
       if (!root) {
-        log_->write("QSStorage - the stored cookie is not a readable archive; ignoring it");
+        log_->write(LogLevel::Warning,
+                    "QSStorage - the stored cookie is not a readable archive; ignoring it");
       } else if (!root->is_null()) {
         cookie = QSCookie::initWithCoder(*root);
-        if (!cookie) log_->write("QSStorage - the stored cookie record is incomplete; ignoring it");
+        if (!cookie)
+          log_->write(LogLevel::Warning,
+                      "QSStorage - the stored cookie record is incomplete; ignoring it");
       }
     } else {
-      log_->write(std::string("QSStorage - ignoring a stored value of the wrong kind under ") +
-                  kCookieKey);
+      log_->write(
+          LogLevel::Warning,
+          std::string("QSStorage - ignoring a stored value of the wrong kind under ") + kCookieKey);
     }
   }
   cachedCookie_ = cookie;

@@ -88,7 +88,9 @@ void QSManager::init() {
 
 QSManager::~QSManager() = default;
 
-void QSManager::log(const std::string& line) const { platform_.log->write(line); }
+void QSManager::log(const std::string& line, LogLevel level) const {
+  platform_.log->write(level, line);
+}
 
 void QSManager::setDelegate(std::weak_ptr<QSManagerDelegate> delegate) {
   std::lock_guard lock(mutex_);
@@ -141,13 +143,13 @@ std::shared_ptr<QSBlockResponse> QSManager::checkError(const Value& response) {
 void QSManager::handleBlockResponse(const std::shared_ptr<QSBlockResponse>& response,
                                     ViewController& host) {
   if (!response) {
-    log(kMissingResponseMessage);
+    log(kMissingResponseMessage, LogLevel::Error);
     managerHelper_->reportError(kMissingResponseMessage);
     return;
   }
   switch (response->type()) {
     case QSBlockResponseTypeForeign:
-      log(kForeignResponseMessage);
+      log(kForeignResponseMessage, LogLevel::Error);
       managerHelper_->reportError(kForeignResponseMessage);
       return;
     case QSBlockResponseTypeBlock:
@@ -165,7 +167,7 @@ void QSManager::handleBlockResponse(const std::shared_ptr<QSBlockResponse>& resp
 void QSManager::showBlockResponse(const std::shared_ptr<QSBlockResponse>& response,
                                   ViewController& host) {
   if (!platform_.ui) {
-    log("showBlockResponse - no UI is available to present the page");
+    log("showBlockResponse - no UI is available to present the page", LogLevel::Warning);
     return;
   }
   std::weak_ptr<QSManager> weak = weak_from_this();
@@ -187,7 +189,7 @@ void QSManager::captchaSuccess() { managerHelper_->sendAppActivity(QSAppStateNew
 
 void QSManager::setCustomParameters(const Value& parameters) {
   if (!parameters.is_null() && !parameters.is_object()) {
-    log("setCustomParameters - ignoring custom parameters that are not a map");
+    log("setCustomParameters - ignoring custom parameters that are not a map", LogLevel::Warning);
     return;
   }
   // An empty map clears the parameters.

@@ -147,7 +147,7 @@ std::optional<std::string> QSManagerHelper::prepareErrorData(const std::string& 
   try {
     return record.dump();
   } catch (const Value::exception& e) {
-    log(fmt::format("prepareErrorData - Got an error: {}", e.what()));
+    log(fmt::format("prepareErrorData - Got an error: {}", e.what()), LogLevel::Warning);
     return std::nullopt;
   }
 }
@@ -171,7 +171,8 @@ void QSManagerHelper::taskCompletedWith(const std::optional<std::string>& /*data
   if (!error) {
     log("LogEntries - success");
   } else {
-    log(fmt::format("LogEntries received error: {}", error->localizedDescription));
+    log(fmt::format("LogEntries received error: {}", error->localizedDescription),
+        LogLevel::Warning);
   }
 }
 

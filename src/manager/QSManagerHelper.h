@@ -68,7 +68,9 @@ class QSManagerHelper : public CollectorRequestDelegate,
                   std::shared_ptr<QSUUID> uuid, std::shared_ptr<QSNetworkManager> network);
   void scheduleTimer(double seconds, void (QSManagerHelper::*target)());
   std::string appId() const;
-  void log(const std::string& line) const { platform_.log->write(line); }
+  void log(const std::string& line, LogLevel level = LogLevel::Debug) const {
+    platform_.log->write(level, line);
+  }
 
   const std::weak_ptr<QSManager> manager_;
   const Platform platform_;

@@ -144,6 +144,8 @@ TEST_F(QSManagerTest, MisusedBlockHandlingIsReportedNotShown) {
           "QS Error - call handleBlock() only after you pass the responseJson via "
           "checkError() method",
           "QS Error - call handleBlock() only if block response type belongs to Quarrystone"}));
+  EXPECT_EQ(fake.log->levelOf("QS Error - call handleBlock() only after"), LogLevel::Error);
+  EXPECT_EQ(fake.log->levelOf("QS Error - call handleBlock() only if"), LogLevel::Error);
 
   // The report's outcome is only logged; an HTTP error status is a success.
   fake.http->respondNext(fake::FakeReply::json("oops", 500));  // the collector POST

@@ -189,7 +189,8 @@ namespace {
 // The library's diagnostic lines are not the tool's output.
 class SilentLog final : public Log {
  public:
-  void write(std::string_view) override {}
+  using Log::write;
+  void write(LogLevel, std::string_view) override {}
 };
 
 // A private directory under the system's temporary directory, removed with

@@ -8,9 +8,10 @@
 
 namespace qs::fake {
 
-void FakeLog::write(std::string_view line) {
+void FakeLog::write(LogLevel level, std::string_view line) {
   std::lock_guard lock(mutex_);
   lines_.emplace_back(line);
+  levels_.push_back(level);
 }
 
 std::vector<std::string> FakeLog::lines() const {
@@ -25,9 +26,18 @@ std::size_t FakeLog::count(std::string_view text) const {
   }));
 }
 
+std::optional<LogLevel> FakeLog::levelOf(std::string_view text) const {
+  std::lock_guard lock(mutex_);
+  for (std::size_t i = 0; i < lines_.size(); ++i) {
+    if (lines_[i].find(text) != std::string::npos) return levels_[i];
+  }
+  return std::nullopt;
+}
+
 void FakeLog::clear() {
   std::lock_guard lock(mutex_);
   lines_.clear();
+  levels_.clear();
 }
 
 std::optional<Value> FakeKeyValueStore::objectForKey(const std::string& key) {

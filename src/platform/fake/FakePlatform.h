@@ -17,16 +17,20 @@ namespace qs::fake {
 // Captures log lines. Thread-safe.
 class FakeLog final : public Log {
  public:
-  void write(std::string_view line) override;
+  using Log::write;
+  void write(LogLevel level, std::string_view line) override;
   std::vector<std::string> lines() const;
   // Number of lines that contain `text`.
   std::size_t count(std::string_view text) const;
   bool contains(std::string_view text) const { return count(text) > 0; }
+  // The level of the first line that contains `text`, if any.
+  std::optional<LogLevel> levelOf(std::string_view text) const;
   void clear();
 
  private:
   mutable std::mutex mutex_;
   std::vector<std::string> lines_;  // guarded by mutex_
+  std::vector<LogLevel> levels_;    // one per line; guarded by mutex_
 };
 
 // An in-memory store with the registration layer. Thread-safe.

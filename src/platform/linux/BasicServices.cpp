@@ -5,6 +5,9 @@
 #include <cstdio>
 #include <map>
 #include <mutex>
+#include <optional>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "quarrystone/LinuxPlatform.h"
@@ -15,13 +18,30 @@ namespace {
 
 class StderrLog final : public Log {
  public:
-  void write(std::string_view line) override {
+  using Log::write;
+  void write(LogLevel, std::string_view line) override {
     std::lock_guard lock(mutex_);
     std::fprintf(stderr, "Quarrystone: %.*s\n", static_cast<int>(line.size()), line.data());
   }
 
  private:
   std::mutex mutex_;
+};
+
+// Passes on the lines at or above a level. The level is fixed at creation,
+// so the filter needs no lock of its own.
+class FilteredLog final : public Log {
+ public:
+  FilteredLog(std::shared_ptr<Log> sink, LogLevel minimum)
+      : sink_(std::move(sink)), minimum_(minimum) {}
+  using Log::write;
+  void write(LogLevel level, std::string_view line) override {
+    if (level >= minimum_) sink_->write(level, line);
+  }
+
+ private:
+  const std::shared_ptr<Log> sink_;
+  const LogLevel minimum_;
 };
 
 class SystemClock final : public Clock {
@@ -95,7 +115,36 @@ class CborKeyedArchiver final : public KeyedArchiver {
 
 }  // namespace
 
-std::shared_ptr<Log> makeStderrLog() { return std::make_shared<StderrLog>(); }
+const char* logLevelName(LogLevel level) {
+  switch (level) {
+    case LogLevel::Debug:
+      return "debug";
+    case LogLevel::Info:
+      return "info";
+    case LogLevel::Warning:
+      return "warning";
+    case LogLevel::Error:
+      return "error";
+  }
+  return "unknown";
+}
+
+std::optional<LogLevel> logLevelFromName(std::string_view name) {
+  for (LogLevel level : {LogLevel::Debug, LogLevel::Info, LogLevel::Warning, LogLevel::Error}) {
+    if (name == logLevelName(level)) return level;
+  }
+  return std::nullopt;
+}
+
+std::shared_ptr<Log> makeStderrLog(LogLevel minimum) {
+  return makeFilteredLog(std::make_shared<StderrLog>(), minimum);
+}
+
+std::shared_ptr<Log> makeFilteredLog(std::shared_ptr<Log> sink, LogLevel minimum) {
+  if (!sink) return nullptr;
+  if (minimum == LogLevel::Debug) return sink;
+  return std::make_shared<FilteredLog>(std::move(sink), minimum);
+}
 std::shared_ptr<Clock> makeSystemClock() { return std::make_shared<SystemClock>(); }
 std::shared_ptr<NotificationCenter> makeLocalNotificationCenter() {
   return std::make_shared<LocalNotificationCenter>();

@@ -4,7 +4,8 @@ namespace qs {
 
 Platform makeLinuxPlatform(const DeploymentSettings& settings, LinuxPlatformOptions options) {
   Platform platform;
-  platform.log = options.log ? options.log : makeStderrLog();
+  platform.log = options.log ? makeFilteredLog(options.log, options.logLevel)
+                             : makeStderrLog(options.logLevel);
   platform.clock = makeSystemClock();
   platform.mainLoop = makeGlibMainLoop(options.hostContext);
   platform.notifications = makeLocalNotificationCenter();
