@@ -2,14 +2,18 @@
 # config and a pkg-config file.
 include(CMakePackageConfigHelpers)
 
-install(DIRECTORY include/quarrystone DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+# The GTK headers belong to the optional web view component.
+if(TARGET quarrystone_gtk)
+  install(DIRECTORY include/quarrystone DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+else()
+  install(DIRECTORY include/quarrystone DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+          PATTERN gtk EXCLUDE)
+endif()
 install(DIRECTORY src/platform/fake/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quarrystone/fake
         FILES_MATCHING PATTERN "*.h")
 set(qs_install_targets quarrystone quarrystone_shared quarrystone_fake)
 if(TARGET quarrystone_gtk)
   list(APPEND qs_install_targets quarrystone_gtk)
-  install(DIRECTORY src/platform/gtk/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quarrystone/gtk
-          FILES_MATCHING PATTERN "*.h")
 endif()
 install(TARGETS ${qs_install_targets} EXPORT QuarrystoneTargets
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
@@ -28,5 +32,28 @@ install(FILES ${PROJECT_BINARY_DIR}/QuarrystoneConfig.cmake
               ${PROJECT_BINARY_DIR}/QuarrystoneConfigVersion.cmake
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/Quarrystone)
 
-configure_file(${PROJECT_SOURCE_DIR}/cmake/quarrystone.pc.in ${PROJECT_BINARY_DIR}/quarrystone.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/quarrystone.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+# The .pc file finds its prefix from its own place, so an installed tree can
+# be moved. It lies in <libdir>/pkgconfig, and libdir may have several parts
+# (lib/x86_64-linux-gnu), so the way up is computed rather than assumed.
+if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
+  set(QS_PC_PREFIX "${CMAKE_INSTALL_PREFIX}")
+  set(QS_PC_LIBDIR "${CMAKE_INSTALL_LIBDIR}")
+else()
+  file(RELATIVE_PATH qs_pc_up "/root/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/root")
+  string(REGEX REPLACE "/$" "" qs_pc_up "${qs_pc_up}")
+  set(QS_PC_PREFIX "\${pcfiledir}/${qs_pc_up}")
+  set(QS_PC_LIBDIR "\${prefix}/${CMAKE_INSTALL_LIBDIR}")
+endif()
+if(IS_ABSOLUTE "${CMAKE_INSTALL_INCLUDEDIR}")
+  set(QS_PC_INCLUDEDIR "${CMAKE_INSTALL_INCLUDEDIR}")
+else()
+  set(QS_PC_INCLUDEDIR "\${prefix}/${CMAKE_INSTALL_INCLUDEDIR}")
+endif()
+set(qs_pc_files quarrystone)
+if(TARGET quarrystone_gtk)
+  list(APPEND qs_pc_files quarrystone-gtk)
+endif()
+foreach(pc ${qs_pc_files})
+  configure_file(${PROJECT_SOURCE_DIR}/cmake/${pc}.pc.in ${PROJECT_BINARY_DIR}/${pc}.pc @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/${pc}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endforeach()

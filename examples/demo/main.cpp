@@ -24,8 +24,8 @@
 #include <vector>
 
 #include "DemoBackend.h"
-#include "GtkUI.h"
 #include "quarrystone/Quarrystone.h"
+#include "quarrystone/gtk/GtkUI.h"
 
 namespace {
 
@@ -186,6 +186,8 @@ int main(int argc, char** argv) {
   platformOptions.bundle = {"1.0 demo", "Quarrystone Demo", "com.example.quarrystone.demo", {"en"}};
   platformOptions.screen = qs::ScreenInfo{1024, 768, 1};
   platformOptions.hostContext = g_main_context_default();
+  // The demo keeps the library's whole trace (scripts/demo saves it).
+  platformOptions.logLevel = qs::LogLevel::Debug;
   qs::Platform platform = qs::makeLinuxPlatform(settings, platformOptions);
   platform.ui = qs::makeGtkUI(platform.store);
   qs::QSManager::installPlatform(platform, settings);

@@ -1,155 +1,152 @@
-// qs-gtk-host: a small GTK host application that shows the library's block or
-// captcha page for a block answer of the host's backend.
+// qs-gtk-host: a small GTK host application that starts the library, calls its
+// own backend with the library's headers and, when the backend blocks the
+// call, shows the block or captcha page over its window.
 //
-//   qs-gtk-host ANSWER.json      a block answer saved to a file
-//   qs-gtk-host URL              fetched with GET from a backend (any status)
+//   qs-gtk-host APP_ID URL
 //
-// The service's web domain comes from QS_WEB_DOMAIN, a test CA from
-// QS_CA_FILE. Exits 0 when the captcha is solved or the host window is
-// closed, 1 when the answer is not a block or captcha page or cannot be read.
+// Where the service lives comes from the deployment settings' environment
+// variables (QS_COLLECTOR_HOST_PATTERN, QS_WEB_DOMAIN, QS_CA_FILE). Exits 0
+// when the call was allowed or a solved captcha brought new headers, 1 when
+// the answer was not the service's or the window was closed, 2 on bad usage.
+// Built on the installed public headers only.
 #include <gtk/gtk.h>
 
 #include <cstdio>
-#include <fstream>
-#include <iostream>
 #include <memory>
-#include <sstream>
+#include <mutex>
+#include <optional>
 #include <string>
+#include <utility>
 
-#include "GtkUI.h"
-#include "block/QSWebViewController.h"
-#include "network/QSNetworkManager.h"
-#include "quarrystone/LinuxPlatform.h"
+#include "quarrystone/Quarrystone.h"
+#include "quarrystone/gtk/GtkUI.h"
 
 namespace {
 
-// Everything the host runs lives on the GTK thread, whose default main
-// context is also the library's main loop.
-struct Host {
-  qs::Platform platform;
-  qs::DeploymentSettings settings;
-  GtkWindow* window = nullptr;
-  std::unique_ptr<qs::GtkHostViewController> hostController;
-  std::shared_ptr<qs::QSWebViewDelegate> delegate;
+// Everything below runs on the GTK thread; the manager's delegate calls come
+// from its network thread and are handed over with g_idle_add.
+struct Host : qs::QSManagerDelegate, std::enable_shared_from_this<Host> {
+  std::string url;
+  std::shared_ptr<qs::QSManager> manager;
+  std::shared_ptr<qs::HttpClient> http;
+  std::unique_ptr<qs::GtkHostViewController> screen;
+  bool pageShown = false;
   bool done = false;
-  int status = 0;
-};
+  int exitCode = 1;
 
-class PrintingDelegate final : public qs::QSWebViewDelegate {
- public:
-  explicit PrintingDelegate(Host& host) : host_(host) {}
-  void captchaSuccess() override {
-    std::cout << "captcha solved: a host would now wait for new headers" << std::endl;
-    host_.done = true;
+  void managerReady(const qs::HeaderMap&) override { onMain(&Host::callBackend); }
+  void newHeaders(const qs::HeaderMap& headers) override {
+    for (const auto& [name, value] : headers)
+      std::printf("new header %s: %s\n", name.c_str(), value.c_str());
+    onMain(&Host::newHeadersArrived);
   }
 
- private:
-  Host& host_;  // weak
-};
-
-void fail(Host& host, const std::string& message) {
-  std::cerr << "qs-gtk-host: " << message << std::endl;
-  host.status = 1;
-  host.done = true;
-}
-
-void show(Host& host, const std::string& body) {
-  qs::Value json = qs::Value::parse(body, nullptr, /*allow_exceptions=*/false);
-  auto response = std::make_shared<qs::QSBlockResponse>(json);
-  if (response->type() == qs::QSBlockResponseTypeForeign) {
-    fail(host, "the answer is not a block or captcha page");
-    return;
+  void onMain(void (Host::*step)()) {
+    struct Call {
+      Host* host;
+      void (Host::*step)();
+    };
+    g_idle_add_once(
+        [](gpointer data) {
+          std::unique_ptr<Call> call(static_cast<Call*>(data));
+          (call->host->*call->step)();
+        },
+        new Call{this, step});
   }
-  std::string collectorUrl = response->collectorUrl().empty()
-                                 ? host.settings.collectorUrl(response->appId())
-                                 : response->collectorUrl();
-  auto log = host.platform.log;
-  auto controller = std::make_shared<qs::QSWebViewController>(
-      host.platform, qs::QSNetworkManager::userAgent(*host.platform.device),
-      host.settings.webDomain, [collectorUrl] { return collectorUrl; },
-      [log](const std::string& message) { log->write("client error report: " + message); });
-  controller->setDelegate(host.delegate);
-  controller->setBlockResponse(response);
-  host.platform.ui->present(controller, *host.hostController, true);
-}
 
-std::string readFile(const std::string& path, bool& ok) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  ok = static_cast<bool>(in);
-  return text.str();
-}
+  void callBackend() {
+    qs::HttpRequest request;
+    request.url = url;
+    for (const auto& [name, value] : manager->httpHeaders()) {
+      request.headers.emplace_back(name, value);
+    }
+    // The completion holds the host, so it outlives a request in flight.
+    http->send(request, [self = shared_from_this()](std::optional<std::string> body,
+                                                    std::optional<qs::HttpResponse> response,
+                                                    std::optional<qs::HttpError> error) {
+      {
+        std::lock_guard lock(self->answerMutex);
+        self->answer = {error || !response ? 0 : response->statusCode, body.value_or("")};
+      }
+      self->onMain(&Host::answered);
+    });
+  }
+
+  void answered() {
+    std::pair<long, std::string> answered;
+    {
+      std::lock_guard lock(answerMutex);
+      answered = answer;
+    }
+    const auto& [status, body] = answered;
+    std::printf("backend: HTTP %ld\n", status);
+    if (status != manager->blockCode()) {
+      finish(status >= 200 && status < 300 ? 0 : 1);
+      return;
+    }
+    qs::Value json = qs::Value::parse(body, nullptr, /*allow_exceptions=*/false);
+    auto block = manager->checkError(json.is_discarded() ? qs::Value::object() : json);
+    if (block->type() == qs::QSBlockResponseTypeForeign) {
+      std::printf("the answer is not a block or captcha page\n");
+      finish(1);
+      return;
+    }
+    pageShown = true;
+    manager->handleBlockResponse(block, *screen);
+  }
+
+  void newHeadersArrived() {
+    if (pageShown) finish(0);  // the captcha was solved
+  }
+
+  void finish(int code) {
+    exitCode = code;
+    done = true;
+  }
+
+  std::mutex answerMutex;
+  std::pair<long, std::string> answer;  // guarded by answerMutex
+};
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 2) {
-    std::cerr << "usage: qs-gtk-host ANSWER.json | URL" << std::endl;
+  if (argc != 3) {
+    std::fprintf(stderr, "usage: qs-gtk-host APP_ID URL\n");
     return 2;
   }
   if (!gtk_init_check()) {
-    std::cerr << "qs-gtk-host: no display" << std::endl;
+    std::fprintf(stderr, "qs-gtk-host: no display\n");
     return 1;
   }
 
-  Host host;
-  host.settings = qs::DeploymentSettings::fromEnvironment();
-  host.platform.log = qs::makeStderrLog();
-  host.platform.mainLoop = qs::makeGlibMainLoop(g_main_context_default());
-  host.platform.store = qs::openSqliteStore(host.settings.resolvedStorePath(), host.platform.log);
-  qs::BundleInfo bundle{"1.0", "qs-gtk-host", "net.quarrystone.example.gtk-host", {"en"}};
-  host.platform.device = qs::makeLinuxDeviceInfo(bundle, qs::ScreenInfo{414, 736, 1});
-  host.platform.ui = qs::makeGtkUI(host.platform.store);
-  host.delegate = std::make_shared<PrintingDelegate>(host);
+  // The library joins GTK's main context and shows its pages in GTK windows.
+  qs::DeploymentSettings settings = qs::DeploymentSettings::fromEnvironment();
+  qs::LinuxPlatformOptions options;
+  options.bundle = {"1.0", "qs-gtk-host", "com.example.quarrystone.gtk-host", {"en"}};
+  options.hostContext = g_main_context_default();
+  qs::Platform platform = qs::makeLinuxPlatform(settings, options);
+  platform.ui = qs::makeGtkUI(platform.store);
 
-  host.window = GTK_WINDOW(gtk_window_new());
-  gtk_window_set_title(host.window, "Quarrystone GTK host");
-  gtk_window_set_default_size(host.window, 480, 800);
-  gtk_window_set_child(host.window, gtk_label_new("The host application's own screen"));
-  g_signal_connect(host.window, "close-request",
-                   G_CALLBACK(+[](GtkWindow*, gpointer data) -> gboolean {
-                     static_cast<Host*>(data)->done = true;
-                     return FALSE;
-                   }),
-                   &host);
-  gtk_window_present(host.window);
-  host.hostController = std::make_unique<qs::GtkHostViewController>(host.window);
+  auto host = std::make_shared<Host>();
+  host->url = argv[2];
+  host->http = platform.http;
+  host->manager = qs::QSManager::create(platform, settings);
 
-  const std::string source = argv[1];
-  if (source.rfind("http://", 0) == 0 || source.rfind("https://", 0) == 0) {
-    host.platform.http = qs::makeCurlHttpClient(host.settings.caFile, host.platform.log);
-    qs::HttpRequest request;
-    request.url = source;
-    request.headers.emplace_back("Accept", "application/json");
-    // The answer arrives on the HTTP client's thread; the page is shown on
-    // the GTK thread.
-    auto loop = host.platform.mainLoop;
-    host.platform.http->send(
-        request, [&host, loop](std::optional<std::string> body, std::optional<qs::HttpResponse>,
-                               std::optional<qs::HttpError> error) {
-          loop->dispatchAsync([&host, body = std::move(body), error = std::move(error)] {
-            if (error) {
-              fail(host, "fetching the answer failed: " + error->localizedDescription);
-            } else {
-              show(host, body.value_or(""));
-            }
-          });
-        });
-  } else {
-    bool ok = false;
-    std::string body = readFile(source, ok);
-    if (!ok) {
-      std::cerr << "qs-gtk-host: cannot read " << source << std::endl;
-      return 1;
-    }
-    show(host, body);
-  }
+  GtkWindow* window = GTK_WINDOW(gtk_window_new());
+  gtk_window_set_title(window, "Quarrystone GTK host");
+  gtk_window_set_default_size(window, 480, 800);
+  gtk_window_set_child(window, gtk_label_new("The host application's own screen"));
+  g_signal_connect_swapped(window, "close-request", G_CALLBACK(+[](Host* self) -> gboolean {
+                             self->finish(1);
+                             return FALSE;
+                           }),
+                           host.get());
+  gtk_window_present(window);
+  host->screen = std::make_unique<qs::GtkHostViewController>(window);
 
-  while (!host.done) g_main_context_iteration(nullptr, TRUE);
-  host.platform.ui.reset();
-  gtk_window_destroy(host.window);
-  while (g_main_context_iteration(nullptr, FALSE)) {
-  }
-  return host.status;
+  host->manager->setDelegate(host);
+  host->manager->startWith(argv[1]);
+  while (!host->done) g_main_context_iteration(nullptr, TRUE);
+  return host->exitCode;
 }

@@ -2,8 +2,7 @@
 
 #include <memory>
 
-#include "GtkHostViewController.h"
-#include "GtkWebView.h"
+#include "quarrystone/gtk/GtkHostViewController.h"
 #include "quarrystone/platform/KeyValueStore.h"
 #include "quarrystone/platform/UI.h"
 

@@ -1,7 +1,9 @@
-#include "GtkUI.h"
+#include "quarrystone/gtk/GtkUI.h"
 
 #include <algorithm>
 #include <vector>
+
+#include "GtkWebView.h"
 
 namespace qs {
 

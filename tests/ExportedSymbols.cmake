@@ -1,0 +1,32 @@
+# Fails when the shared library exports anything but its own API: names in
+# the qs namespace (with their type information and virtual tables) and the
+# C names that start with "Quarrystone" or "qs_".
+#
+#   cmake -DLIBRARY=libquarrystone.so -DNM=nm -P ExportedSymbols.cmake
+execute_process(COMMAND ${NM} -D --defined-only -C "${LIBRARY}"
+  RESULT_VARIABLE status OUTPUT_VARIABLE listing ERROR_VARIABLE error)
+if(NOT status EQUAL 0)
+  message(FATAL_ERROR "${NM} failed: ${error}")
+endif()
+string(REPLACE "\n" ";" lines "${listing}")
+set(allowed "^(qs::|(typeinfo|typeinfo name|vtable|VTT|guard variable) for qs::|Quarrystone|qs_)")
+set(foreign "")
+set(count 0)
+foreach(line IN LISTS lines)
+  # "<address> <type> <name>"
+  if(NOT line MATCHES "^[0-9a-f]+ [A-Za-z] (.*)$")
+    continue()
+  endif()
+  set(name "${CMAKE_MATCH_1}")
+  math(EXPR count "${count} + 1")
+  if(NOT name MATCHES "${allowed}")
+    string(APPEND foreign "  ${name}\n")
+  endif()
+endforeach()
+if(count EQUAL 0)
+  message(FATAL_ERROR "${LIBRARY} exports nothing")
+endif()
+if(foreign)
+  message(FATAL_ERROR "${LIBRARY} exports names outside its API:\n${foreign}")
+endif()
+message(STATUS "${count} exported names, all the library's own")
