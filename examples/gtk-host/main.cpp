@@ -97,8 +97,9 @@ int main(int argc, char** argv) {
   host.settings = qs::DeploymentSettings::fromEnvironment();
   host.platform.log = qs::makeStderrLog();
   host.platform.mainLoop = qs::makeGlibMainLoop(g_main_context_default());
-  host.platform.store = qs::openSqliteStore(host.settings.resolvedStorePath(), host.platform.log);
   qs::BundleInfo bundle{"1.0", "qs-gtk-host", "net.quarrystone.example.gtk-host", {"en"}};
+  host.platform.store = qs::openSqliteStore(
+      host.settings.resolvedStorePath(*bundle.identifier).value_or(""), host.platform.log);
   host.platform.device = qs::makeLinuxDeviceInfo(bundle, qs::ScreenInfo{414, 736, 1});
   host.platform.ui = qs::makeGtkUI(host.platform.store);
   host.delegate = std::make_shared<PrintingDelegate>(host);
