@@ -28,8 +28,10 @@ struct QS_EXPORT LinuxPlatformOptions {
 };
 
 // The real Linux platform: GLib main loop, GIO network monitor, libcurl,
-// SQLite store, OpenSSL, utf8proc. A store that cannot be opened is logged
-// and replaced by an in-memory one; this never throws.
+// SQLite store, OpenSSL, utf8proc. The store is the host application's own
+// (see DeploymentSettings::resolvedStorePath), named after the bundle
+// identifier, else after the program. A store that cannot be opened is
+// logged and replaced by an in-memory one; this never throws.
 QS_EXPORT Platform makeLinuxPlatform(const DeploymentSettings& settings,
                                      LinuxPlatformOptions options = {});
 
@@ -49,8 +51,14 @@ QS_EXPORT std::shared_ptr<Crypto> makeOpenSslCrypto();
 QS_EXPORT std::shared_ptr<Text> makeUtf8procText();
 QS_EXPORT std::shared_ptr<WorkerPool> makeThreadWorkerPool();
 QS_EXPORT std::shared_ptr<MainLoop> makeGlibMainLoop(GMainContext* hostContext);
+// The SQLite store at `path`. The file and its WAL and shared-memory files are
+// readable by their owner only, and folders created on the way are 0700.
+// `ownedRoot` (an ancestor folder of `path`, or empty) marks the folders from
+// it down as the library's own: found open to others, they are tightened.
+// An empty `path` keeps the values in memory only.
 QS_EXPORT std::shared_ptr<KeyValueStore> openSqliteStore(const std::string& path,
-                                                         std::shared_ptr<Log> log);
+                                                         std::shared_ptr<Log> log,
+                                                         const std::string& ownedRoot = {});
 QS_EXPORT std::shared_ptr<DeviceInfo> makeLinuxDeviceInfo(BundleInfo bundle,
                                                           std::optional<ScreenInfo> screen);
 

@@ -2,7 +2,7 @@
 
 #include <cmath>
 #include <limits>
-#include <unordered_map>
+#include <string_view>
 
 #include <fmt/format.h>
 #include <fmt/printf.h>
@@ -11,54 +11,58 @@ namespace qs {
 
 namespace {
 
-// Hardware codes of the phones and tablets the library knows by name.
-const std::unordered_map<std::string_view, std::string_view>& deviceNamesByCode() {
-  static const std::unordered_map<std::string_view, std::string_view> table{
-      {"i386", "Simulator"},
-      {"x86_64", "Simulator"},
-      {"iPod1,1", "iPod Touch"},
-      {"iPod2,1", "iPod Touch"},
-      {"iPod3,1", "iPod Touch"},
-      {"iPod4,1", "iPod Touch"},
-      {"iPod7,1", "iPod Touch"},
-      {"iPhone1,1", "iPhone"},
-      {"iPhone1,2", "iPhone"},
-      {"iPhone2,1", "iPhone"},
-      {"iPad1,1", "iPad"},
-      {"iPad2,1", "iPad 2"},
-      {"iPad3,1", "iPad"},
-      {"iPhone3,1", "iPhone 4"},
-      {"iPhone3,3", "iPhone 4"},
-      {"iPhone4,1", "iPhone 4S"},
-      {"iPhone5,1", "iPhone 5"},
-      {"iPhone5,2", "iPhone 5"},
-      {"iPad3,4", "iPad"},
-      {"iPad2,5", "iPad Mini"},
-      {"iPhone5,3", "iPhone 5c"},
-      {"iPhone5,4", "iPhone 5c"},
-      {"iPhone6,1", "iPhone 5s"},
-      {"iPhone6,2", "iPhone 5s"},
-      {"iPhone7,1", "iPhone 6 Plus"},
-      {"iPhone7,2", "iPhone 6"},
-      {"iPhone8,1", "iPhone 6S"},
-      {"iPhone8,2", "iPhone 6S Plus"},
-      {"iPhone8,4", "iPhone SE"},
-      {"iPhone9,1", "iPhone 7"},
-      {"iPhone9,3", "iPhone 7"},
-      {"iPhone9,2", "iPhone 7 Plus"},
-      {"iPhone9,4", "iPhone 7 Plus"},
-      {"iPad4,1", "iPad Air"},
-      {"iPad4,2", "iPad Air"},
-      {"iPad4,4", "iPad Mini"},
-      {"iPad4,5", "iPad Mini"},
-      {"iPad4,7", "iPad Mini"},
-      {"iPad6,7", "iPad Pro (12.9\")"},
-      {"iPad6,8", "iPad Pro (12.9\")"},
-      {"iPad6,3", "iPad Pro (9.7\")"},
-      {"iPad6,4", "iPad Pro (9.7\")"},
-  };
-  return table;
-}
+struct DeviceName {
+  std::string_view code;
+  std::string_view name;
+};
+
+// Hardware codes of the phones and tablets the library knows by name. A
+// constant table, not a map: the library's threads may still read it while
+// the host's exit handlers run, so it must need no destruction.
+constexpr DeviceName kDeviceNamesByCode[] = {
+    {"i386", "Simulator"},
+    {"x86_64", "Simulator"},
+    {"iPod1,1", "iPod Touch"},
+    {"iPod2,1", "iPod Touch"},
+    {"iPod3,1", "iPod Touch"},
+    {"iPod4,1", "iPod Touch"},
+    {"iPod7,1", "iPod Touch"},
+    {"iPhone1,1", "iPhone"},
+    {"iPhone1,2", "iPhone"},
+    {"iPhone2,1", "iPhone"},
+    {"iPad1,1", "iPad"},
+    {"iPad2,1", "iPad 2"},
+    {"iPad3,1", "iPad"},
+    {"iPhone3,1", "iPhone 4"},
+    {"iPhone3,3", "iPhone 4"},
+    {"iPhone4,1", "iPhone 4S"},
+    {"iPhone5,1", "iPhone 5"},
+    {"iPhone5,2", "iPhone 5"},
+    {"iPad3,4", "iPad"},
+    {"iPad2,5", "iPad Mini"},
+    {"iPhone5,3", "iPhone 5c"},
+    {"iPhone5,4", "iPhone 5c"},
+    {"iPhone6,1", "iPhone 5s"},
+    {"iPhone6,2", "iPhone 5s"},
+    {"iPhone7,1", "iPhone 6 Plus"},
+    {"iPhone7,2", "iPhone 6"},
+    {"iPhone8,1", "iPhone 6S"},
+    {"iPhone8,2", "iPhone 6S Plus"},
+    {"iPhone8,4", "iPhone SE"},
+    {"iPhone9,1", "iPhone 7"},
+    {"iPhone9,3", "iPhone 7"},
+    {"iPhone9,2", "iPhone 7 Plus"},
+    {"iPhone9,4", "iPhone 7 Plus"},
+    {"iPad4,1", "iPad Air"},
+    {"iPad4,2", "iPad Air"},
+    {"iPad4,4", "iPad Mini"},
+    {"iPad4,5", "iPad Mini"},
+    {"iPad4,7", "iPad Mini"},
+    {"iPad6,7", "iPad Pro (12.9\")"},
+    {"iPad6,8", "iPad Pro (12.9\")"},
+    {"iPad6,3", "iPad Pro (9.7\")"},
+    {"iPad6,4", "iPad Pro (9.7\")"},
+};
 
 // Seconds to whole milliseconds, truncated toward zero and kept in range.
 std::int32_t toMilliseconds(double seconds) {
@@ -81,8 +85,9 @@ QSUtils::QSUtils(Platform platform, std::shared_ptr<QSStorage> storage)
 std::string QSUtils::deviceModel() { return deviceModelFor(platform_.device->machine()); }
 
 std::string QSUtils::deviceModelFor(std::string_view machine) {
-  const auto& table = deviceNamesByCode();
-  if (auto it = table.find(machine); it != table.end()) return std::string(it->second);
+  for (const auto& entry : kDeviceNamesByCode) {
+    if (entry.code == machine) return std::string(entry.name);
+  }
   if (machine.find("iPod") != std::string_view::npos) return "iPod Touch";
   if (machine.find("iPad") != std::string_view::npos) return "iPad";
   if (machine.find("iPhone") != std::string_view::npos) return "iPhone";

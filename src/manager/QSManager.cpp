@@ -27,8 +27,10 @@ struct SharedSetup {
   bool created = false;
 };
 
+// Never destroyed, like the instance it builds: the platform it holds owns
+// threads that may still run while the host's exit handlers do.
 SharedSetup& sharedSetup() {
-  static SharedSetup setup;
+  static SharedSetup& setup = *new SharedSetup;
   return setup;
 }
 

@@ -1,6 +1,35 @@
 #include "quarrystone/LinuxPlatform.h"
 
+#include <errno.h>
+#include <unistd.h>
+
+#include <string>
+
 namespace qs {
+
+namespace {
+
+// Names the host application for its store folder: the bundle identifier it
+// declares, else the name of its program file, else the name it was started
+// under. Never empty.
+std::string applicationIdentifier(const BundleInfo& bundle) {
+  if (bundle.identifier && !bundle.identifier->empty()) return *bundle.identifier;
+  char target[4096];
+  ssize_t length = readlink("/proc/self/exe", target, sizeof target - 1);
+  if (length > 0) {
+    std::string program(target, static_cast<std::size_t>(length));
+    // A program file replaced while it runs reads as "<path> (deleted)".
+    if (program.ends_with(" (deleted)")) program.resize(program.size() - 10);
+    program = program.substr(program.rfind('/') + 1);
+    if (!program.empty()) return program;
+  }
+  if (program_invocation_short_name != nullptr && *program_invocation_short_name != '\0') {
+    return program_invocation_short_name;
+  }
+  return "unnamed-app";
+}
+
+}  // namespace
 
 Platform makeLinuxPlatform(const DeploymentSettings& settings, LinuxPlatformOptions options) {
   Platform platform;
@@ -17,7 +46,12 @@ Platform makeLinuxPlatform(const DeploymentSettings& settings, LinuxPlatformOpti
   platform.reachability = makeGioReachability(platform.mainLoop, network);
   platform.http = makeCurlHttpClient(settings.caFile, platform.log, network);
   platform.workers = makeThreadWorkerPool();
-  platform.store = openSqliteStore(settings.resolvedStorePath(), platform.log);
+  // The default location's folders are the library's own and kept private;
+  // the folders of a path the host chose are the host's.
+  const auto storePath = settings.resolvedStorePath(applicationIdentifier(options.bundle));
+  const std::string ownedRoot =
+      settings.storePath.empty() ? DeploymentSettings::defaultStoreRoot().value_or("") : "";
+  platform.store = openSqliteStore(storePath.value_or(""), platform.log, ownedRoot);
   platform.archiver = makeCborArchiver();
   platform.device = makeLinuxDeviceInfo(std::move(options.bundle), options.screen);
   platform.crypto = makeOpenSslCrypto();

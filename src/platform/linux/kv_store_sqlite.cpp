@@ -6,12 +6,23 @@
 // call returns, so it survives a crash or SIGKILL of the host process; it can
 // be lost to a power cut or kernel crash until the next checkpoint, which
 // synchronize() forces (the checkpoint syncs the WAL and the database file).
+//
+// Privacy: the file, its WAL and its shared-memory file are readable by their
+// owner only (0600), and every folder this code creates is 0700, whatever the
+// umask. SQLite gives the WAL and shared-memory files the main file's mode
+// when it creates them, so making the main file private before SQLite opens
+// it covers them; copies left wider by older releases are tightened.
+#include <fcntl.h>
 #include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <map>
@@ -154,10 +165,85 @@ std::optional<OpenError> ensureSchema(sqlite3* db) {
   return finish(std::nullopt);
 }
 
-std::variant<OpenedStore, OpenError> openFile(const std::string& path, Log& log) {
-  std::error_code ec;
-  std::filesystem::path parent = std::filesystem::path(path).parent_path();
-  if (!parent.empty()) std::filesystem::create_directories(parent, ec);
+constexpr mode_t kPrivateFile = 0600;
+constexpr mode_t kPrivateFolder = 0700;
+
+OpenError systemError(const std::string& what, const std::string& path) {
+  return OpenError{OpenError::Kind::Unusable,
+                   fmt::format("{} {}: {}", what, path, std::strerror(errno))};
+}
+
+// Takes group and other access away from an existing file or folder that has
+// any; logged, since it means someone else may have read the store.
+void tighten(const std::string& path, const struct stat& st, mode_t mode, Log& log) {
+  if ((st.st_mode & 077) == 0) return;
+  if (::chmod(path.c_str(), mode) != 0) {
+    log.write(
+        fmt::format("Store path {} is open to others (mode {:04o}) and cannot be made private: {}",
+                    path, st.st_mode & 07777, std::strerror(errno)));
+    return;
+  }
+  log.write(fmt::format("Store path {} was open to others (mode {:04o}); now {:04o}", path,
+                        st.st_mode & 07777, mode));
+}
+
+// Creates the missing folders above `file`, each 0700 whatever the umask.
+// Existing folders at or below `ownedRoot` (the library's own) are tightened
+// to 0700; folders above it, and all of them when it is empty, belong to the
+// user and are left as they are.
+std::optional<OpenError> makeFolders(const std::filesystem::path& file,
+                                     const std::string& ownedRoot, Log& log) {
+  auto owned = [&](const std::string& folder) {
+    return !ownedRoot.empty() && (folder == ownedRoot || folder.starts_with(ownedRoot + "/"));
+  };
+  std::filesystem::path folder;
+  for (const auto& part : file.parent_path()) {
+    folder /= part;
+    const std::string name = folder.string();
+    if (part == "/" || part.empty()) continue;
+    struct stat st {};
+    if (::stat(name.c_str(), &st) != 0) {
+      if (errno != ENOENT) return systemError("stat", name);
+      if (::mkdir(name.c_str(), kPrivateFolder) != 0 && errno != EEXIST) {
+        return systemError("mkdir", name);
+      }
+      // The umask may have taken the owner's own bits away.
+      if (::chmod(name.c_str(), kPrivateFolder) != 0) return systemError("chmod", name);
+      continue;
+    }
+    if (!S_ISDIR(st.st_mode)) {
+      return OpenError{OpenError::Kind::Unusable, name + " is not a folder"};
+    }
+    if (owned(name)) tighten(name, st, kPrivateFolder, log);
+  }
+  return std::nullopt;
+}
+
+// Creates the store file 0600 if it is missing, so that SQLite never creates
+// it under the umask, and tightens the file, its WAL and its shared-memory
+// file if they exist. Existing files are never opened here: closing any
+// descriptor of a file drops this process's SQLite locks on it.
+std::optional<OpenError> makePrivateFiles(const std::string& path, Log& log) {
+  int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kPrivateFile);
+  if (fd >= 0) {
+    int rc = ::fchmod(fd, kPrivateFile);
+    ::close(fd);
+    if (rc != 0) return systemError("fchmod", path);
+  } else if (errno != EEXIST) {
+    return systemError("create", path);
+  }
+  for (const char* suffix : {"", "-wal", "-shm"}) {
+    const std::string name = path + suffix;
+    struct stat st {};
+    if (::stat(name.c_str(), &st) == 0 && S_ISREG(st.st_mode)) tighten(name, st, kPrivateFile, log);
+  }
+  return std::nullopt;
+}
+
+std::variant<OpenedStore, OpenError> openFile(const std::string& path, const std::string& ownedRoot,
+                                              Log& log) {
+  if (auto error = makeFolders(path, ownedRoot, log)) return *error;
+  if (auto error = makePrivateFiles(path, log)) return *error;
 
   sqlite3* raw = nullptr;
   int rc =
@@ -331,16 +417,23 @@ class SqliteKeyValueStore final : public KeyValueStore {
 
 }  // namespace
 
-std::shared_ptr<KeyValueStore> openSqliteStore(const std::string& path, std::shared_ptr<Log> log) {
+std::shared_ptr<KeyValueStore> openSqliteStore(const std::string& path, std::shared_ptr<Log> log,
+                                               const std::string& ownedRoot) {
   if (!log) log = makeStderrLog();
-  auto opened = openFile(path, *log);
+  if (path.empty()) {
+    log->write(
+        "Store has no file (no home directory to keep it in); values are kept in memory only");
+    return std::make_shared<SqliteKeyValueStore>(std::move(log), nullptr,
+                                                 std::map<std::string, Value>{});
+  }
+  auto opened = openFile(path, ownedRoot, *log);
   if (auto* error = std::get_if<OpenError>(&opened);
       error && error->kind == OpenError::Kind::Corrupt) {
     auto aside = setAside(path);
     if (aside) {
       log->write(fmt::format("Store file {} is damaged ({}); set aside as {}, starting empty", path,
                              error->message, *aside));
-      opened = openFile(path, *log);
+      opened = openFile(path, ownedRoot, *log);
     } else {
       log->write(fmt::format("Store file {} is damaged ({}) and cannot be moved aside", path,
                              error->message));

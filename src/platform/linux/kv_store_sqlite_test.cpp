@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <sqlite3.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -188,6 +189,55 @@ TEST_F(SqliteStore, TwoProcessesWriteTheSameFile) {
     EXPECT_EQ(store->objectForKey(std::to_string(i % 2) + "-" + std::to_string(i / 2)),
               Value(i / 2));
   }
+}
+
+mode_t modeOf(const std::string& path) {
+  struct stat st {};
+  return ::stat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
+}
+
+// Whatever the umask, the file, its WAL and shared-memory files and the
+// folders made for them are the owner's alone; a store left open to others
+// is tightened, but only the library's own folders are touched.
+TEST_F(SqliteStore, FilesAndFoldersArePrivateWhateverTheUmask) {
+  struct MaskGuard {
+    mode_t old;
+    ~MaskGuard() { umask(old); }
+  } mask{umask(0)};
+  const std::string owned = dir_ + "/nested";
+  {
+    auto store = openSqliteStore(path_, log_, owned);
+    store->setObject("sid", Value("abc"));
+    for (const char* suffix : {"", "-wal", "-shm"}) EXPECT_EQ(modeOf(path_ + suffix), 0600u);
+    EXPECT_EQ(modeOf(owned), 0700u);
+    EXPECT_EQ(modeOf(owned + "/dir"), 0700u);
+  }
+  EXPECT_TRUE(log_->lines().empty());
+
+  // Left open to others (as older releases did), while another connection
+  // has the file open, so its WAL and shared memory exist, as wide.
+  for (const auto& folder : {dir_, owned, owned + "/dir"}) ::chmod(folder.c_str(), 0755);
+  ::chmod(path_.c_str(), 0644);
+  sqlite3* other = nullptr;
+  ASSERT_EQ(sqlite3_open(path_.c_str(), &other), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(other, "SELECT count(*) FROM entries", nullptr, nullptr, nullptr),
+            SQLITE_OK);
+  for (const char* suffix : {"-wal", "-shm"}) ASSERT_EQ(modeOf(path_ + suffix), 0644u);
+  auto store = openSqliteStore(path_, log_, owned);
+  EXPECT_EQ(store->objectForKey("sid"), Value("abc"));
+  for (const char* suffix : {"", "-wal", "-shm"}) EXPECT_EQ(modeOf(path_ + suffix), 0600u);
+  EXPECT_EQ(modeOf(owned), 0700u);
+  EXPECT_EQ(modeOf(owned + "/dir"), 0700u);
+  EXPECT_EQ(modeOf(dir_), 0755u) << "a folder above the library's own is the user's";
+  EXPECT_EQ(log_->count("was open to others"), 5u);
+  store->setObject("sid", Value("def"));
+  EXPECT_EQ(sqlite3_close(other), SQLITE_OK);
+
+  // A path the host chose: the file is private, its existing folder the host's.
+  auto chosen = openSqliteStore(dir_ + "/store.sqlite", log_);
+  chosen->setObject("k", Value(1));
+  EXPECT_EQ(modeOf(dir_ + "/store.sqlite"), 0600u);
+  EXPECT_EQ(modeOf(dir_), 0755u);
 }
 
 }  // namespace

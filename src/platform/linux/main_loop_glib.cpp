@@ -76,12 +76,16 @@ gint64 readyTimeAfter(double seconds) {
 // loop thread, the thread that destroys the source) under locks of its own
 // that ThreadSanitizer cannot see, so each hand-over also passes through
 // handoffMutex, which orders them for the sanitizer. It is held only for an
-// instant and never while user code runs.
-std::mutex handoffMutex;
+// instant and never while user code runs. Never destroyed: loop threads
+// still hand sources over while the host's exit handlers run.
+std::mutex& handoffMutex() {
+  static std::mutex& mutex = *new std::mutex;
+  return mutex;
+}
 
 struct SourceCall {
   explicit SourceCall(std::function<void()> f) : fn(std::move(f)) { handOver(); }
-  static void handOver() { std::lock_guard lock(handoffMutex); }
+  static void handOver() { std::lock_guard lock(handoffMutex()); }
   std::function<void()> fn;
 };
 
