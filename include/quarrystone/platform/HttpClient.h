@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <optional>
 #include <string>
@@ -18,6 +19,10 @@ struct HttpRequest {
   std::vector<std::pair<std::string, std::string>> headers;
   std::optional<std::string> body;  // nullopt: no body
   double timeoutSeconds = 5.0;
+  // A longer answer is refused with an error, up front when its announced
+  // length says so. The service's answers are a few hundred bytes; a caller
+  // fetching something larger raises this for its own request.
+  std::size_t maxResponseBytes = std::size_t{1} << 20;
 };
 
 struct HttpResponse {
@@ -43,8 +48,10 @@ struct HttpError {
   std::string localizedDescription;
 };
 
-// Runs one request at a time per call; never answers from a cache. The
-// completion is called exactly once, on the client's callback thread.
+// Runs one request at a time per call; never answers from a cache and never
+// sends a request a second time on its own (a connection lost before the
+// answer is an error). The completion is called exactly once, on the
+// client's callback thread.
 class QS_EXPORT HttpClient {
  public:
   using Completion =

@@ -37,9 +37,7 @@ namespace qs {
 
 namespace {
 
-// A body larger than this is refused rather than grown without bound.
-constexpr std::size_t kMaxBodyBytes = 32u << 20;
-constexpr long kMaxRedirects = 10;
+constexpr long kMaxRedirects = 5;
 
 HttpError transportError(HttpError::Code code) {
   switch (code) {
@@ -131,6 +129,7 @@ HttpError errorFor(CURLcode code, long osErrno, const char* curlText) {
     case CURLE_URL_MALFORMAT:
       return {C::BadURL, "bad URL"};
     case CURLE_UNSUPPORTED_PROTOCOL:
+    case CURLE_LOGIN_DENIED:  // a user name in the URL
       return transportError(C::BadURL);
     case CURLE_GOT_NOTHING:
     case CURLE_SEND_ERROR:
@@ -239,8 +238,14 @@ struct Transfer {
   std::string method;
   std::string requestBody;
   std::string body;
+  std::size_t maxBodyBytes = 0;
   HttpResponse response;
   bool bodyRefused = false;
+  // Requests libcurl has started for this transfer (one per redirect hop),
+  // and whether an answer began since the last one.
+  int requestsStarted = 0;
+  bool answerStarted = false;
+  bool resendRefused = false;
   HttpClient::Completion completion;
   char errorText[CURL_ERROR_SIZE] = {};
 };
@@ -249,7 +254,7 @@ std::size_t onBody(char* data, std::size_t size, std::size_t count, void* user) 
   auto* transfer = static_cast<Transfer*>(user);
   const std::size_t bytes = size * count;
   try {
-    if (transfer->body.size() + bytes > kMaxBodyBytes) throw std::length_error("body");
+    if (bytes > transfer->maxBodyBytes - transfer->body.size()) throw std::length_error("body");
     transfer->body.append(data, bytes);
     return bytes;
   } catch (...) {
@@ -264,6 +269,7 @@ std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* user
   std::string_view line(data, bytes);
   try {
     if (startsWithIgnoringCase(line, "HTTP/")) {
+      transfer->answerStarted = true;
       transfer->response.headers.clear();  // a new response: interim or after a redirect
     } else if (auto colon = line.find(':'); colon != std::string_view::npos) {
       transfer->response.headers.emplace_back(std::string(trim(line.substr(0, colon))),
@@ -273,6 +279,21 @@ std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* user
     return 0;
   }
   return bytes;
+}
+
+// libcurl: a request is about to go out. After a redirect answer it is the
+// next hop. Without an answer since the last one, libcurl is resending the
+// same request because a reused connection closed unanswered; the server may
+// have acted on it already, so the transfer fails instead.
+int onRequestStart(void* user, char*, char*, int, int) {
+  auto* transfer = static_cast<Transfer*>(user);
+  if (transfer->requestsStarted > 0 && !transfer->answerStarted) {
+    transfer->resendRefused = true;
+    return CURL_PREREQFUNC_ABORT;
+  }
+  ++transfer->requestsStarted;
+  transfer->answerStarted = false;
+  return CURL_PREREQFUNC_OK;
 }
 
 void deliver(const HttpClient::Completion& completion, Log& log, std::optional<std::string> body,
@@ -504,9 +525,19 @@ class CurlEngine : public std::enable_shared_from_this<CurlEngine> {
 
     curl_easy_setopt(e, CURLOPT_URL, request.url.c_str());
     curl_easy_setopt(e, CURLOPT_PROTOCOLS_STR, "http,https");
-    curl_easy_setopt(e, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+    // A redirect never leads to plain HTTP, where the request and the answer
+    // could be read and changed on the way; HTTPS hops are verified below.
+    curl_easy_setopt(e, CURLOPT_REDIR_PROTOCOLS_STR, "https");
     curl_easy_setopt(e, CURLOPT_FOLLOWLOCATION, 1L);
     curl_easy_setopt(e, CURLOPT_MAXREDIRS, kMaxRedirects);
+    // Nothing of the host's identity goes out: no cookie engine (never
+    // enabled), no credentials from a netrc file or the URL, none carried to
+    // another host.
+    curl_easy_setopt(e, CURLOPT_NETRC, static_cast<long>(CURL_NETRC_IGNORED));
+    curl_easy_setopt(e, CURLOPT_DISALLOW_USERNAME_IN_URL, 1L);
+    curl_easy_setopt(e, CURLOPT_UNRESTRICTED_AUTH, 0L);
+    curl_easy_setopt(e, CURLOPT_PREREQFUNCTION, onRequestStart);
+    curl_easy_setopt(e, CURLOPT_PREREQDATA, &t);
     curl_easy_setopt(e, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(e, CURLOPT_ERRORBUFFER, t.errorText);
     curl_easy_setopt(e, CURLOPT_ACCEPT_ENCODING, "");
@@ -514,6 +545,11 @@ class CurlEngine : public std::enable_shared_from_this<CurlEngine> {
     curl_easy_setopt(e, CURLOPT_WRITEDATA, &t);
     curl_easy_setopt(e, CURLOPT_HEADERFUNCTION, onHeader);
     curl_easy_setopt(e, CURLOPT_HEADERDATA, &t);
+    // An announced length over the limit is refused before the body is read;
+    // onBody holds any other body to it.
+    t.maxBodyBytes = request.maxResponseBytes;
+    curl_easy_setopt(e, CURLOPT_MAXFILESIZE_LARGE,
+                     static_cast<curl_off_t>(std::min<std::size_t>(t.maxBodyBytes, LLONG_MAX)));
 
     // A whole-request limit; a nonsensical one falls back to the usual 5 s.
     double seconds = request.timeoutSeconds;
@@ -601,8 +637,16 @@ class CurlEngine : public std::enable_shared_from_this<CurlEngine> {
     if (result != CURLE_OK) {
       long osErrno = 0;
       curl_easy_getinfo(t.easy, CURLINFO_OS_ERRNO, &osErrno);
-      HttpError error = t.bodyRefused ? otherError("The response is too large.")
-                                      : errorFor(result, osErrno, t.errorText);
+      HttpError error = errorFor(result, osErrno, t.errorText);
+      if (t.bodyRefused || result == CURLE_FILESIZE_EXCEEDED) {
+        error = otherError("The response is too large.");
+      } else if (t.resendRefused) {
+        error = otherError("The network connection was lost.");
+      } else if (result == CURLE_UNSUPPORTED_PROTOCOL && t.answerStarted) {
+        // A redirect to anything but HTTPS.
+        error = {HttpError::Code::SecureConnectionFailed,
+                 "The server redirected to an address that is not secure."};
+      }
       deliver(t.completion, *log_, std::nullopt, std::nullopt, std::move(error));
       return;
     }

@@ -1,16 +1,23 @@
 #include <httplib.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
+#include <fmt/format.h>
 #include <glib.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <cctype>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <future>
+#include <iterator>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -117,7 +124,120 @@ class SilentPort {
   std::string url;
 };
 
+class RawServer {
+ public:
+  using Serve = std::function<void(int fd, std::size_t connection)>;
+  explicit RawServer(Serve serve) : fd_(socket(AF_INET, SOCK_STREAM, 0)) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    bind(fd_, reinterpret_cast<sockaddr*>(&address), size);
+    getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &size);
+    listen(fd_, 16);
+    url = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/";
+    thread_ = std::thread([this, serve = std::move(serve)] {
+      for (std::size_t connection = 0;; ++connection) {
+        const int fd = accept(fd_, nullptr, nullptr);
+        if (fd < 0) return;  // stop() shut the listener down
+        // A client that goes quiet fails the test instead of hanging it.
+        const timeval limit{10, 0};
+        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+        setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+        serve(fd, connection);
+        close(fd);
+      }
+    });
+  }
+  ~RawServer() {
+    stop();
+    close(fd_);
+  }
+  void stop() {
+    shutdown(fd_, SHUT_RDWR);
+    if (thread_.joinable()) thread_.join();
+  }
+
+  // One whole request (head and Content-Length body) from `fd`, or nullopt
+  // when the peer closed first. `pending` carries bytes read past it.
+  static std::optional<std::string> readRequest(int fd, std::string& pending) {
+    std::size_t end = std::string::npos, length = 0;
+    for (;;) {
+      if (end == std::string::npos && (end = pending.find("\r\n\r\n")) != std::string::npos) {
+        end += 4;
+        std::string head = pending.substr(0, end);
+        for (char& c : head) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        if (auto at = head.find("content-length:"); at != std::string::npos) {
+          length = std::stoul(head.substr(at + 15));
+        }
+      }
+      if (end != std::string::npos && pending.size() >= end + length) {
+        std::string request = pending.substr(0, end + length);
+        pending.erase(0, end + length);
+        return request;
+      }
+      char buffer[4096];
+      const ssize_t got = recv(fd, buffer, sizeof buffer, 0);
+      if (got <= 0) return std::nullopt;
+      pending.append(buffer, static_cast<std::size_t>(got));
+    }
+  }
+  static bool sendAll(int fd, std::string_view data) {
+    while (!data.empty()) {
+      const ssize_t sent = ::send(fd, data.data(), data.size(), MSG_NOSIGNAL);
+      if (sent <= 0) return false;
+      data.remove_prefix(static_cast<std::size_t>(sent));
+    }
+    return true;
+  }
+  // Whether the peer closed the connection (rather than going quiet).
+  static bool peerCloses(int fd) {
+    char buffer[4096];
+    for (;;) {
+      const ssize_t got = recv(fd, buffer, sizeof buffer, 0);
+      if (got == 0 || (got < 0 && errno == ECONNRESET)) return true;
+      if (got < 0) return false;
+    }
+  }
+
+  std::string url;
+
+ private:
+  const int fd_;
+  std::thread thread_;
+};
+
+// A throw-away authority and a certificate it signed for "localhost", in a
+// temporary directory removed at the end.
+class TestPki {
+ public:
+  TestPki() {
+    char pattern[] = "/tmp/qs-pki-XXXXXX";
+    dir = mkdtemp(pattern);
+    const std::string script = "cd " + dir + R"( && exec >/dev/null 2>&1 &&
+      openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 1 \
+        -subj /CN=TestAuthority -keyout ca.key -out ca.pem &&
+      openssl req -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -subj /CN=localhost \
+        -keyout leaf.key -out leaf.csr &&
+      printf 'subjectAltName=DNS:localhost,IP:127.0.0.1\n' > leaf.ext &&
+      openssl x509 -req -in leaf.csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 1 \
+        -extfile leaf.ext -out leaf.pem)";
+    ok = std::system(script.c_str()) == 0;
+  }
+  ~TestPki() { std::filesystem::remove_all(dir); }
+  std::unique_ptr<httplib::Server> server() const {
+    return std::make_unique<httplib::SSLServer>((dir + "/leaf.pem").c_str(),
+                                                (dir + "/leaf.key").c_str());
+  }
+
+  std::string dir;
+  bool ok = false;
+};
+
 HttpRequest get(std::string url) { return HttpRequest{"GET", std::move(url), {}, {}, 5.0}; }
+HttpRequest postRequest(std::string url, std::string body) {
+  return HttpRequest{"POST", std::move(url), {}, std::move(body), 5.0};
+}
 
 // The core's operations on the fake platform, sending through libcurl.
 class HttpClientCurlTest : public ::testing::Test {
@@ -275,20 +395,10 @@ TEST_F(HttpClientCurlTest, ManyOperationsInFlightAllComplete) {
 }
 
 TEST_F(HttpClientCurlTest, TlsTrustsTheGivenAuthorityAndVerifiesPeers) {
-  // A throw-away authority and a "localhost" certificate it signed.
-  char pattern[] = "/tmp/qs-pki-XXXXXX";
-  const std::string dir = mkdtemp(pattern);
-  const std::string script = "cd " + dir + R"( && exec >/dev/null 2>&1 &&
-    openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 1 \
-      -subj /CN=TestAuthority -keyout ca.key -out ca.pem &&
-    openssl req -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -subj /CN=localhost \
-      -keyout leaf.key -out leaf.csr &&
-    printf 'subjectAltName=DNS:localhost,IP:127.0.0.1\n' > leaf.ext &&
-    openssl x509 -req -in leaf.csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 1 \
-      -extfile leaf.ext -out leaf.pem)";
-  ASSERT_EQ(std::system(script.c_str()), 0);
-  Loopback loopback(std::make_unique<httplib::SSLServer>((dir + "/leaf.pem").c_str(),
-                                                         (dir + "/leaf.key").c_str()));
+  TestPki pki;
+  ASSERT_TRUE(pki.ok);
+  const std::string& dir = pki.dir;
+  Loopback loopback(pki.server());
   loopback.server().Get("/", [](const httplib::Request&, httplib::Response& response) {
     response.set_content("secure", "text/plain");
   });
@@ -314,7 +424,179 @@ TEST_F(HttpClientCurlTest, TlsTrustsTheGivenAuthorityAndVerifiesPeers) {
               "An SSL error has occurred and a secure connection to the server cannot be made.");
   }
   loopback.stop();
-  std::filesystem::remove_all(dir);
+}
+
+// A kept-alive connection that closes after reading a request, unanswered:
+// libcurl would send the request again on a new connection. The client fails
+// it instead, whatever the method, so the server sees every request once.
+TEST_F(HttpClientCurlTest, ARequestIsNeverSentTwice) {
+  std::mutex mutex;
+  std::vector<std::pair<std::size_t, std::string>> seen;  // connection; request line and body
+  RawServer server([&](int fd, std::size_t connection) {
+    std::string pending;
+    // Each connection answers its first request and drops its second.
+    for (int count = 0; auto request = RawServer::readRequest(fd, pending); ++count) {
+      {
+        std::lock_guard lock(mutex);
+        seen.emplace_back(connection, request->substr(0, request->find(" HTTP/")) + " " +
+                                          request->substr(request->find("\r\n\r\n") + 4));
+      }
+      if (count == 1) return;
+      RawServer::sendAll(fd, "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok");
+    }
+  });
+  const std::string url = server.url + "c";
+  const HttpRequest requests[] = {postRequest(url, "n=1"), postRequest(url, "n=2"),
+                                  get(url + "?n=3"), get(url + "?n=4")};
+  for (std::size_t i = 0; i < std::size(requests); ++i) {
+    platform.http->send(requests[i], inbox->completion());
+    ASSERT_EQ(inbox->waitFor(i + 1).size(), i + 1);
+  }
+  auto got = inbox->waitFor(4);
+  for (std::size_t i : {0, 2}) EXPECT_EQ(got[i].body, "ok");
+  for (std::size_t i : {1, 3}) {
+    ASSERT_TRUE(got[i].error.has_value()) << i;
+    EXPECT_FALSE(got[i].response.has_value());
+    EXPECT_EQ(got[i].error->localizedDescription, "The network connection was lost.");
+  }
+  stopClient();
+  server.stop();
+  std::lock_guard lock(mutex);
+  ASSERT_EQ(seen.size(), 4u);
+  EXPECT_EQ(seen[0].second, "POST /c n=1");
+  EXPECT_EQ(seen[1].second, "POST /c n=2");
+  EXPECT_EQ(seen[2].second, "GET /c?n=3 ");
+  EXPECT_EQ(seen[3].second, "GET /c?n=4 ");
+  // The second of each pair went on the first one's live connection.
+  EXPECT_EQ(seen[1].first, seen[0].first);
+  EXPECT_EQ(seen[3].first, seen[2].first);
+}
+
+// Redirects are followed to HTTPS only, verified, for five hops at most, and
+// carry none of an earlier hop's cookies.
+TEST_F(HttpClientCurlTest, RedirectsLeadOnlyToVerifiedHttps) {
+  TestPki pki;
+  ASSERT_TRUE(pki.ok);
+  std::mutex mutex;
+  std::vector<httplib::Request> plainSeen, landed;
+  int hops = 0;
+  // Routes are in place before a server starts: its threads read them unguarded.
+  Loopback plain;
+  plain.server().set_logger([&](const httplib::Request& request, const httplib::Response&) {
+    std::lock_guard lock(mutex);
+    plainSeen.push_back(request);
+  });
+  plain.server().Get("/hop", [](const httplib::Request& request, httplib::Response& response) {
+    response.set_redirect("http://" + request.get_header_value("Host") + "/other", 302);
+  });
+  const std::string plainOrigin = "http://127.0.0.1:" + plain.start();
+  Loopback secure(pki.server());
+  secure.server().Post("/downgrade", [&](const httplib::Request&, httplib::Response& response) {
+    response.set_redirect(plainOrigin + "/c", 307);
+  });
+  secure.server().Post("/upgrade", [](const httplib::Request&, httplib::Response& response) {
+    response.set_header("Set-Cookie", "s=1; Path=/");
+    response.set_content("moved", "text/plain");
+    response.set_redirect("/landed", 307);
+  });
+  secure.server().Post("/landed",
+                       [&](const httplib::Request& request, httplib::Response& response) {
+                         std::lock_guard lock(mutex);
+                         landed.push_back(request);
+                         response.set_content("landed", "text/plain");
+                       });
+  // A name under "localhost" reaches loopback but is not in the certificate.
+  secure.server().Post(
+      "/elsewhere", [](const httplib::Request& request, httplib::Response& response) {
+        response.set_redirect(
+            "https://app.collector." + request.get_header_value("Host") + "/landed", 307);
+      });
+  secure.server().Post("/loop", [&](const httplib::Request&, httplib::Response& response) {
+    std::lock_guard lock(mutex);
+    ++hops;
+    response.set_redirect("/loop", 307);
+  });
+  const std::string secureOrigin = "https://localhost:" + secure.start();
+
+  auto client = makeCurlHttpClient(pki.dir + "/ca.pem", fake.log);
+  // A plain first hop is allowed, a plain redirect target is not.
+  const HttpRequest requests[] = {
+      postRequest(secureOrigin + "/downgrade", "a=1"),
+      postRequest(secureOrigin + "/upgrade", "a=1"), postRequest(secureOrigin + "/loop", "a=1"),
+      get(plainOrigin + "/hop"), postRequest(secureOrigin + "/elsewhere", "a=1")};
+  for (std::size_t i = 0; i < std::size(requests); ++i) {
+    client->send(requests[i], inbox->completion());
+    ASSERT_EQ(inbox->waitFor(i + 1).size(), i + 1);
+  }
+  auto got = inbox->waitFor(5);
+  client.reset();
+  secure.stop();
+  plain.stop();
+
+  for (std::size_t i : {0, 3, 4}) {
+    ASSERT_TRUE(got[i].error.has_value()) << i;
+    EXPECT_EQ(got[i].error->code, Code::SecureConnectionFailed) << i;
+    EXPECT_FALSE(got[i].response.has_value());
+  }
+  ASSERT_FALSE(got[1].error.has_value()) << got[1].error->localizedDescription;
+  EXPECT_EQ(got[1].body, "landed");
+  EXPECT_EQ(got[1].response->url, secureOrigin + "/landed");
+  EXPECT_EQ(got[2].error.value().localizedDescription, "too many HTTP redirects");
+
+  std::lock_guard lock(mutex);
+  ASSERT_EQ(plainSeen.size(), 1u);  // the first hop only, never a redirect target
+  EXPECT_EQ(plainSeen[0].path, "/hop");
+  ASSERT_EQ(landed.size(), 1u);
+  EXPECT_EQ(landed[0].body, "a=1");
+  EXPECT_FALSE(landed[0].has_header("Cookie"));
+  EXPECT_EQ(hops, 6);  // the first request and five redirects
+}
+
+// An answer longer than the request allows is refused: up front when its
+// length is announced, as soon as it passes the limit when it is not.
+TEST_F(HttpClientCurlTest, AnswersLongerThanTheLimitAreRefused) {
+  std::atomic<bool> closedBeforeBody{false};
+  RawServer server([&](int fd, std::size_t) {
+    std::string pending;
+    while (auto request = RawServer::readRequest(fd, pending)) {
+      if (request->starts_with("GET /announced ")) {
+        // Nothing of the body is sent: a client waiting for it would time out.
+        RawServer::sendAll(fd, "HTTP/1.1 200 OK\r\nContent-Length: 300000000\r\n\r\n");
+        closedBeforeBody = RawServer::peerCloses(fd);
+        return;
+      }
+      // GET /chunked?<bytes>: that many bytes in chunks of at most 64 KiB.
+      std::size_t left = std::stoul(request->substr(request->find('?') + 1));
+      bool open = RawServer::sendAll(fd, "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n");
+      while (open && left > 0) {
+        const std::size_t chunk = std::min<std::size_t>(left, 64 << 10);
+        open =
+            RawServer::sendAll(fd, fmt::format("{:x}\r\n{}\r\n", chunk, std::string(chunk, 'x')));
+        left -= chunk;
+      }
+      if (!open || !RawServer::sendAll(fd, "0\r\n\r\n")) return;
+    }
+  });
+  constexpr std::size_t kMiB = 1 << 20;
+  std::vector<HttpRequest> requests{get(server.url + "announced"),
+                                    get(server.url + "chunked?" + std::to_string(kMiB)),
+                                    get(server.url + "chunked?" + std::to_string(kMiB + 1)),
+                                    get(server.url + "chunked?" + std::to_string(3 * kMiB))};
+  requests[3].maxResponseBytes = 4 * kMiB;
+  for (std::size_t i = 0; i < requests.size(); ++i) {
+    platform.http->send(requests[i], inbox->completion());
+    ASSERT_EQ(inbox->waitFor(i + 1).size(), i + 1);
+  }
+  auto got = inbox->waitFor(4);
+  stopClient();
+  server.stop();
+  for (std::size_t i : {0, 2}) {
+    ASSERT_TRUE(got[i].error.has_value()) << i;
+    EXPECT_EQ(got[i].error->localizedDescription, "The response is too large.");
+  }
+  EXPECT_TRUE(closedBeforeBody);
+  EXPECT_EQ(got[1].body.value_or("").size(), kMiB);
+  EXPECT_EQ(got[3].body.value_or("").size(), 3 * kMiB);
 }
 
 // The platform runs network I/O on the library's own loop thread when the
