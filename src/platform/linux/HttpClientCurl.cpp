@@ -157,7 +157,7 @@ class ExtraTrust {
     if (path.empty()) return;
     BIO* bio = BIO_new_file(path.c_str(), "r");
     if (!bio) {
-      log.write(fmt::format("HttpClientCurl: cannot read trust file {}", path));
+      log.write(LogLevel::Error, fmt::format("HttpClientCurl: cannot read trust file {}", path));
       ERR_clear_error();
       return;
     }
@@ -165,7 +165,8 @@ class ExtraTrust {
     BIO_free(bio);
     ERR_clear_error();  // reading stops at the end of the file with an error
     if (certs_.empty()) {
-      log.write(fmt::format("HttpClientCurl: no certificate in trust file {}", path));
+      log.write(LogLevel::Error,
+                fmt::format("HttpClientCurl: no certificate in trust file {}", path));
     }
   }
   ~ExtraTrust() {
@@ -301,9 +302,9 @@ void deliver(const HttpClient::Completion& completion, Log& log, std::optional<s
   try {
     completion(std::move(body), std::move(response), std::move(error));
   } catch (const std::exception& e) {
-    log.write(fmt::format("HttpClientCurl: completion threw: {}", e.what()));
+    log.write(LogLevel::Error, fmt::format("HttpClientCurl: completion threw: {}", e.what()));
   } catch (...) {
-    log.write("HttpClientCurl: completion threw");
+    log.write(LogLevel::Error, "HttpClientCurl: completion threw");
   }
 }
 
@@ -591,7 +592,8 @@ class CurlEngine : public std::enable_shared_from_this<CurlEngine> {
     bool hasCacheControl = false, hasPragma = false, hasExpect = false;
     for (const auto& [name, value] : request.headers) {
       if (!isToken(name) || !isHeaderValue(value)) {
-        log_->write(fmt::format("HttpClientCurl: header not sent, invalid: {}", name));
+        log_->write(LogLevel::Warning,
+                    fmt::format("HttpClientCurl: header not sent, invalid: {}", name));
         continue;
       }
       hasCacheControl |= equalsIgnoringCase(name, "Cache-Control");

@@ -179,11 +179,13 @@ void tighten(const std::string& path, const struct stat& st, mode_t mode, Log& l
   if ((st.st_mode & 077) == 0) return;
   if (::chmod(path.c_str(), mode) != 0) {
     log.write(
+        LogLevel::Warning,
         fmt::format("Store path {} is open to others (mode {:04o}) and cannot be made private: {}",
                     path, st.st_mode & 07777, std::strerror(errno)));
     return;
   }
-  log.write(fmt::format("Store path {} was open to others (mode {:04o}); now {:04o}", path,
+  log.write(LogLevel::Warning,
+            fmt::format("Store path {} was open to others (mode {:04o}); now {:04o}", path,
                         st.st_mode & 07777, mode));
 }
 
@@ -278,6 +280,7 @@ std::variant<OpenedStore, OpenError> openFile(const std::string& path, const std
     Value value = Value::from_cbor(bytes, /*strict=*/true, /*allow_exceptions=*/false);
     if (value.is_discarded()) {
       log.write(
+          LogLevel::Warning,
           fmt::format("Store value for key \"{}\" cannot be decoded; it reads as absent", key));
       continue;
     }
@@ -330,7 +333,8 @@ class SqliteKeyValueStore final : public KeyValueStore {
       try {
         encoded = Value::to_cbor(*value);
       } catch (const std::exception& e) {
-        log_->write(fmt::format("Store cannot encode the value for key \"{}\": {}", key, e.what()));
+        log_->write(LogLevel::Warning,
+                    fmt::format("Store cannot encode the value for key \"{}\": {}", key, e.what()));
         return;
       }
     }
@@ -362,7 +366,8 @@ class SqliteKeyValueStore final : public KeyValueStore {
     int rc =
         sqlite3_wal_checkpoint_v2(db_.get(), nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
     if (rc != SQLITE_OK) {
-      log_->write(fmt::format("Store checkpoint failed: {}", sqlite3_errmsg(db_.get())));
+      log_->write(LogLevel::Warning,
+                  fmt::format("Store checkpoint failed: {}", sqlite3_errmsg(db_.get())));
       return false;
     }
     return true;
@@ -384,8 +389,8 @@ class SqliteKeyValueStore final : public KeyValueStore {
     }
     int rc = sqlite3_step(stmt);
     if (rc != SQLITE_DONE) {
-      log_->write(
-          fmt::format("Store write for key \"{}\" failed: {}", key, sqlite3_errmsg(db_.get())));
+      log_->write(LogLevel::Warning, fmt::format("Store write for key \"{}\" failed: {}", key,
+                                                 sqlite3_errmsg(db_.get())));
     }
     sqlite3_reset(stmt);
     sqlite3_clear_bindings(stmt);
@@ -396,7 +401,8 @@ class SqliteKeyValueStore final : public KeyValueStore {
     if (!slot) {
       auto prepared = prepare(db_.get(), sql);
       if (auto* error = std::get_if<OpenError>(&prepared)) {
-        log_->write(fmt::format("Store cannot prepare a write: {}", error->message));
+        log_->write(LogLevel::Warning,
+                    fmt::format("Store cannot prepare a write: {}", error->message));
         return nullptr;
       }
       slot = std::move(std::get<StmtHandle>(prepared));
@@ -422,6 +428,7 @@ std::shared_ptr<KeyValueStore> openSqliteStore(const std::string& path, std::sha
   if (!log) log = makeStderrLog();
   if (path.empty()) {
     log->write(
+        LogLevel::Warning,
         "Store has no file (no home directory to keep it in); values are kept in memory only");
     return std::make_shared<SqliteKeyValueStore>(std::move(log), nullptr,
                                                  std::map<std::string, Value>{});
@@ -431,11 +438,13 @@ std::shared_ptr<KeyValueStore> openSqliteStore(const std::string& path, std::sha
       error && error->kind == OpenError::Kind::Corrupt) {
     auto aside = setAside(path);
     if (aside) {
-      log->write(fmt::format("Store file {} is damaged ({}); set aside as {}, starting empty", path,
+      log->write(LogLevel::Warning,
+                 fmt::format("Store file {} is damaged ({}); set aside as {}, starting empty", path,
                              error->message, *aside));
       opened = openFile(path, ownedRoot, *log);
     } else {
-      log->write(fmt::format("Store file {} is damaged ({}) and cannot be moved aside", path,
+      log->write(LogLevel::Warning,
+                 fmt::format("Store file {} is damaged ({}) and cannot be moved aside", path,
                              error->message));
     }
   }
@@ -443,7 +452,8 @@ std::shared_ptr<KeyValueStore> openSqliteStore(const std::string& path, std::sha
     return std::make_shared<SqliteKeyValueStore>(std::move(log), std::move(store->db),
                                                  std::move(store->values));
   }
-  log->write(fmt::format("Store file {} cannot be used ({}); values are kept in memory only", path,
+  log->write(LogLevel::Warning,
+             fmt::format("Store file {} cannot be used ({}); values are kept in memory only", path,
                          std::get<OpenError>(opened).message));
   return std::make_shared<SqliteKeyValueStore>(std::move(log), nullptr,
                                                std::map<std::string, Value>{});
