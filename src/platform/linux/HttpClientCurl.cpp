@@ -43,8 +43,10 @@ constexpr std::size_t kMaxBodyBytes = 32u << 20;
 constexpr long kMaxRedirects = 10;
 // Transfers run at once; later requests wait as plain requests (no easy
 // handle, no socket) until one finishes. An easy handle costs tens of KB
-// and a connection a descriptor, so a backlog must not hold one each.
-constexpr std::size_t kMaxTransfersInFlight = 6;
+// and a connection a descriptor, so a backlog must not hold one each. Ample
+// for any exchange pattern of the library: requests never wait for an
+// earlier one unless a flood has this many in flight.
+constexpr std::size_t kMaxTransfersInFlight = 32;
 
 HttpError transportError(HttpError::Code code) {
   switch (code) {
