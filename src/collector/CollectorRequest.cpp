@@ -43,7 +43,13 @@ void CollectorRequest::sendRequestToServer(const Value& activity) {
       *platform_.http, network_->userAgent(), manager->collectorUrl(), form, type,
       [utils] { utils->startTimerForCollectorRequest(); });
   operation->setDelegate(shared_from_this());
-  network_->addNetworkOperation(std::move(operation));
+  if (!network_->addNetworkOperation(std::move(operation))) {
+    const std::uint64_t dropped = droppedActivities_.fetch_add(1) + 1;
+    log(fmt::format(
+        "CollectorRequest - {} requests pending, activity {} dropped ({} dropped since the last "
+        "error report)",
+        QSNetworkManager::kMaxPendingOperations, type, dropped));
+  }
 }
 
 std::string CollectorRequest::payloadValueToBase64(const Value& activity,

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -41,8 +42,17 @@ class CollectorRequest : public QSPostOperationDelegate,
   void setDelegate(std::weak_ptr<CollectorRequestDelegate> delegate);
   bool didNotifyDelegateOnManagerReady() const { return didNotifyDelegateOnManagerReady_.load(); }
 
-  // Encodes the activity record ({"t","d"}) and queues its POST.
+  // Encodes the activity record ({"t","d"}) and queues its POST. With the
+  // queue full (QSNetworkManager::kMaxPendingOperations pending) the activity
+  // is dropped, logged and counted; nothing else follows from it: the pending
+  // exchanges' answers arm the timers and tell the host as usual.
   void sendRequestToServer(const Value& activity);
+
+  // The activities dropped since the last call; resets the count. The client
+  // error report carries it. Any thread.
+  std::uint64_t takeDroppedActivities() { return droppedActivities_.exchange(0); }
+  // Puts a taken count back (the report that was to carry it was not sent).
+  void restoreDroppedActivities(std::uint64_t count) { droppedActivities_.fetch_add(count); }
 
   void taskCompletedWith(const std::optional<std::string>& data, const std::string& activityType,
                          const std::optional<HttpResponse>& response,
@@ -73,6 +83,7 @@ class CollectorRequest : public QSPostOperationDelegate,
   const std::shared_ptr<QSNetworkManager> network_;
   std::weak_ptr<CollectorRequestDelegate> delegate_;  // set once, before any exchange
   std::atomic<bool> didNotifyDelegateOnManagerReady_{false};
+  std::atomic<std::uint64_t> droppedActivities_{0};
 };
 
 }  // namespace qs

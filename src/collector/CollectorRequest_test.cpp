@@ -1,6 +1,9 @@
 #include "collector/CollectorRequest.h"
 
+#include <ranges>
+
 #include "CoreFixture.h"
+#include "network/PercentEncoding.h"
 #include "quarrystone/QSFieldsMapping.h"
 
 namespace qs::testing {
@@ -175,6 +178,57 @@ TEST_F(CollectorExchangeTest, FormStringIsTheBodyMapWithoutEscaping) {
   EXPECT_EQ(post.form.size(), 5u);
   auto request = fake.http->requests().back();
   EXPECT_EQ(request.url, "https://collector-app1.test/api/v1/collector/mobile");
+}
+
+// The record of the latest client error report, decoded from its URL.
+Value lastErrorRecord(const fake::FakeHttpClient& http) {
+  for (const auto& requests = http.requests(); const auto& r : std::views::reverse(requests)) {
+    if (r.method != "GET") continue;
+    auto decoded = percentDecode(r.url.substr(r.url.find("?r=") + 3));
+    return decoded ? Value::parse(*decoded, nullptr, false) : Value();
+  }
+  return Value();
+}
+
+TEST_F(CollectorExchangeTest, AFullBacklogDropsCountsAndReportsNewActivities) {
+  struct Host : ViewController {
+  } host;
+  const std::size_t bound = QSNetworkManager::kMaxPendingOperations;
+  const std::string droppedLine = "requests pending, activity QS315 dropped";
+  // No answers: the start and the wake-ups pile up until the bound.
+  manager->startWith("app1");
+  for (std::size_t i = 0; i < bound + 2; ++i) manager->wakeup();
+  EXPECT_EQ(fake.http->pendingCount(), bound);
+  EXPECT_EQ(manager->networkManager()->requestsQueue().operationCount(), bound);
+  EXPECT_EQ(fake.log->count(droppedLine), 3u);
+  EXPECT_TRUE(fake.log->contains("(3 dropped since the last error report)"));
+  // A drop is not a failed exchange: no retry armed, the host not yet told.
+  fake.mainLoop->runUntilIdle();
+  EXPECT_EQ(fake.mainLoop->pendingTimerCount(), 0u);
+  EXPECT_TRUE(delegate->calls().empty());
+
+  // A report meets the full queue too: dropped, and the count kept for later.
+  manager->handleBlockResponse(nullptr, host);
+  EXPECT_TRUE(fake.log->contains("LogEntries - 1000 requests pending, report dropped"));
+  EXPECT_EQ(fake.http->requestCount(), bound);
+
+  // An answer makes room: the next activity goes out, the next report
+  // carries the count, and the one after it starts again from nothing.
+  fake.http->respondNext(commands({}));
+  EXPECT_EQ(delegate->calls().size(), 1u);  // the answer told the host as usual
+  manager->wakeup();
+  EXPECT_EQ(fake.http->requestCount(), bound + 1);
+  EXPECT_EQ(fake.log->count(droppedLine), 3u);
+  fake.http->respondNext(commands({}));
+  manager->handleBlockResponse(nullptr, host);
+  Value record = lastErrorRecord(*fake.http);
+  EXPECT_EQ(record.value("dropped_activities", 0), 3) << record.dump();
+  EXPECT_EQ(record.value("appId", ""), "app1");
+  fake.http->respondNext(commands({}));
+  manager->handleBlockResponse(nullptr, host);
+  record = lastErrorRecord(*fake.http);
+  EXPECT_EQ(record.size(), 4u) << record.dump();
+  EXPECT_FALSE(record.contains("dropped_activities"));
 }
 
 }  // namespace

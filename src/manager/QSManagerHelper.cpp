@@ -138,12 +138,14 @@ std::string QSManagerHelper::appId() const {
   return manager ? manager->appId() : std::string();
 }
 
-std::optional<std::string> QSManagerHelper::prepareErrorData(const std::string& message) {
+std::optional<std::string> QSManagerHelper::prepareErrorData(const std::string& message,
+                                                             std::uint64_t droppedActivities) {
   Value record = Value::object();
   record["message"] = message;
   record["tag"] = network_->userAgent();
   record["appId"] = appId();
   record["sdk_version"] = QS_SDK_VERSION;
+  if (droppedActivities > 0) record["dropped_activities"] = droppedActivities;
   try {
     return record.dump();
   } catch (const Value::exception& e) {
@@ -156,13 +158,19 @@ void QSManagerHelper::reportError(const std::string& message) {
   auto manager = manager_.lock();
   if (!manager) return;
   const std::string id = manager->appId();
-  auto json = prepareErrorData(message);
+  // Activities dropped by a full backlog travel with the next report.
+  const std::uint64_t dropped = collectorRequest_->takeDroppedActivities();
+  auto json = prepareErrorData(message, dropped);
   const std::string encoded = json ? percentEncodeHostAllowed(*json) : "(null)";
   auto operation = std::make_shared<QSGetOperation>(*platform_.http, network_->userAgent(),
                                                     manager->settings().clientErrorUrl(id, encoded),
                                                     std::nullopt, std::nullopt);
   operation->setDelegate(shared_from_this());
-  network_->addNetworkOperation(std::move(operation));
+  if (!network_->addNetworkOperation(std::move(operation))) {
+    collectorRequest_->restoreDroppedActivities(dropped);
+    log(fmt::format("LogEntries - {} requests pending, report dropped",
+                    QSNetworkManager::kMaxPendingOperations));
+  }
 }
 
 void QSManagerHelper::taskCompletedWith(const std::optional<std::string>& /*data*/,

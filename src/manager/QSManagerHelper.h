@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -57,7 +58,10 @@ class QSManagerHelper : public CollectorRequestDelegate,
 
   // Client error reports: a fire-and-forget GET to the collector host.
   void reportError(const std::string& message);
-  std::optional<std::string> prepareErrorData(const std::string& message);
+  // The record; "dropped_activities" is added only when some were dropped
+  // since the last report, so an ordinary record keeps its four keys.
+  std::optional<std::string> prepareErrorData(const std::string& message,
+                                              std::uint64_t droppedActivities = 0);
   void taskCompletedWith(const std::optional<std::string>& data,
                          const std::optional<HttpResponse>& response,
                          const std::optional<HttpError>& error) override;

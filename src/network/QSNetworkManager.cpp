@@ -10,10 +10,10 @@ namespace qs {
 
 QSNetworkManager::QSNetworkManager(Platform platform)
     : platform_(std::move(platform)),
-      queue_(std::make_shared<QSOperationQueue>(platform_.workers)) {}
+      queue_(std::make_shared<QSOperationQueue>(platform_.workers, kMaxPendingOperations)) {}
 
-void QSNetworkManager::addNetworkOperation(std::shared_ptr<QSNetworkOperation> operation) {
-  queue_->addOperation(std::move(operation));
+bool QSNetworkManager::addNetworkOperation(std::shared_ptr<QSNetworkOperation> operation) {
+  return queue_->addOperation(std::move(operation));
 }
 
 std::string QSNetworkManager::userAgent(DeviceInfo& device) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <string>
 
@@ -12,11 +13,17 @@ namespace qs {
 // builds the library's user agent. Thread-safe.
 class QSNetworkManager {
  public:
+  // Requests added and not yet finished, at most: past this a flood of host
+  // calls is dropped rather than held (each pending request holds its body).
+  static constexpr std::size_t kMaxPendingOperations = 1000;
+
   explicit QSNetworkManager(Platform platform);
 
   // Queues the operation; the queue starts it at once on a worker (no limit
-  // is set) and keeps it until it reports finished. Returns without waiting.
-  void addNetworkOperation(std::shared_ptr<QSNetworkOperation> operation);
+  // is set on how many run) and keeps it until it reports finished. Returns
+  // without waiting; false, with the operation released unstarted, when
+  // kMaxPendingOperations are pending already.
+  bool addNetworkOperation(std::shared_ptr<QSNetworkOperation> operation);
 
   // "Quarrystone iOS SDK/<version> (iPhone; iOS <system version>; Scale/<scale, 2 decimals>)".
   // The scale is 1 when the device has no main screen. Built anew on each call.

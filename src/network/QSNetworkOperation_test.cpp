@@ -48,7 +48,7 @@ TEST(QSNetworkOperation, AnnouncesOnlyRealChangesThroughCancelAndLateCompletion)
 TEST(QSNetworkOperation, CancelledBeforeStartIsFinishedNeverRunsAndIsDropped) {
   auto workers = std::make_shared<fake::FakeWorkerPool>();
   workers->setDeferred(true);
-  auto queue = std::make_shared<QSOperationQueue>(workers);
+  auto queue = std::make_shared<QSOperationQueue>(workers, 10);
   auto op = std::make_shared<ProbeOperation>();
   queue->addOperation(op);
   op->cancel();
@@ -58,6 +58,23 @@ TEST(QSNetworkOperation, CancelledBeforeStartIsFinishedNeverRunsAndIsDropped) {
   EXPECT_EQ(op->mainCalls, 0);
   EXPECT_TRUE(op->events.empty());
   EXPECT_EQ(queue->operationCount(), 0u);
+}
+
+TEST(QSOperationQueue, RefusesPastItsBoundUntilAnOperationFinishes) {
+  auto queue = std::make_shared<QSOperationQueue>(std::make_shared<fake::FakeWorkerPool>(), 2);
+  auto first = std::make_shared<ProbeOperation>();
+  auto second = std::make_shared<ProbeOperation>();
+  auto third = std::make_shared<ProbeOperation>();
+  EXPECT_TRUE(queue->addOperation(first));
+  EXPECT_TRUE(queue->addOperation(second));
+  EXPECT_FALSE(queue->addOperation(third));
+  EXPECT_EQ(third->mainCalls, 0);  // refused operations never start
+  EXPECT_EQ(queue->operationCount(), 2u);
+
+  first->complete();
+  EXPECT_EQ(queue->operationCount(), 1u);
+  EXPECT_TRUE(queue->addOperation(third));
+  EXPECT_EQ(third->mainCalls, 1);
 }
 
 }  // namespace

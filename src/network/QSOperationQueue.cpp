@@ -6,11 +6,16 @@
 
 namespace qs {
 
-QSOperationQueue::QSOperationQueue(std::shared_ptr<WorkerPool> workers)
-    : workers_(std::move(workers)) {}
+QSOperationQueue::QSOperationQueue(std::shared_ptr<WorkerPool> workers, std::size_t maxPending)
+    : workers_(std::move(workers)), maxPending_(maxPending) {}
 
-void QSOperationQueue::addOperation(std::shared_ptr<QSNetworkOperation> operation) {
-  if (!operation) return;
+bool QSOperationQueue::addOperation(std::shared_ptr<QSNetworkOperation> operation) {
+  if (!operation) return false;
+  {
+    std::lock_guard lock(mutex_);
+    if (operations_.size() >= maxPending_) return false;
+    operations_.push_back(operation);
+  }
   std::weak_ptr<QSOperationQueue> weakQueue = weak_from_this();
   // The observer lives inside the operation, so the raw pointer is valid
   // whenever it runs.
@@ -19,10 +24,6 @@ void QSOperationQueue::addOperation(std::shared_ptr<QSNetworkOperation> operatio
     if (prior || key != "isFinished" || !raw->isFinished()) return;
     if (auto queue = weakQueue.lock()) queue->remove(raw);
   });
-  {
-    std::lock_guard lock(mutex_);
-    operations_.push_back(operation);
-  }
   auto run = [weakQueue, operation] {
     operation->start();
     // A cancelled operation announces nothing: it was finished all along.
@@ -35,6 +36,7 @@ void QSOperationQueue::addOperation(std::shared_ptr<QSNetworkOperation> operatio
   } else {
     run();
   }
+  return true;
 }
 
 std::size_t QSOperationQueue::operationCount() const {

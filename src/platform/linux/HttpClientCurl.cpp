@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <cmath>
 #include <deque>
@@ -38,6 +39,12 @@ namespace qs {
 namespace {
 
 constexpr long kMaxRedirects = 5;
+// Transfers run at once; later requests wait as plain requests (no easy
+// handle, no socket) until one finishes. An easy handle costs tens of KB
+// and a connection a descriptor, so a backlog must not hold one each. Ample
+// for any exchange pattern of the library: requests never wait for an
+// earlier one unless a flood has this many in flight.
+constexpr std::size_t kMaxTransfersInFlight = 32;
 
 HttpError transportError(HttpError::Code code) {
   switch (code) {
@@ -222,6 +229,8 @@ std::string hashedTrustDirectory() {
 struct Job {
   HttpRequest request;
   HttpClient::Completion completion;
+  // The request's time limit counts from here, waiting included.
+  std::chrono::steady_clock::time_point submitted = std::chrono::steady_clock::now();
 };
 
 // One request in flight: the easy handle and everything it points into.
@@ -399,24 +408,54 @@ class CurlEngine : public std::enable_shared_from_this<CurlEngine> {
     if (warmUp.joinable()) warmUp.join();
   }
 
-  // Network loop: starts the requests that arrived.
+  // Network loop: starts the requests that arrived, as far as there is room.
   void drain() {
-    std::deque<Job> jobs;
     {
       std::lock_guard lock(mutex_);
       if (stopping_) return;  // teardown() answers them
-      jobs.swap(incoming_);
       drainQueued_ = false;
     }
     if (!multi_ && !startMulti()) {
+      std::deque<Job> jobs;
+      {
+        std::lock_guard lock(mutex_);
+        jobs.swap(incoming_);
+      }
       for (auto& job : jobs) {
         deliver(job.completion, *log_, std::nullopt, std::nullopt,
                 otherError("The request could not be started."));
       }
       return;
     }
-    for (auto& job : jobs) begin(std::move(job));
+    startWaiting();
     collectFinished();
+  }
+
+  // Network loop: starts waiting requests while fewer than
+  // kMaxTransfersInFlight run. One that has already waited out its time
+  // limit fails as timed out without being sent; the others get what is left.
+  void startWaiting() {
+    while (active_.size() < kMaxTransfersInFlight) {
+      std::optional<Job> job;
+      {
+        std::lock_guard lock(mutex_);
+        if (stopping_ || incoming_.empty()) return;
+        job.emplace(std::move(incoming_.front()));
+        incoming_.pop_front();
+      }
+      double& limit = job->request.timeoutSeconds;
+      if (std::isfinite(limit) && limit > 0) {
+        const std::chrono::duration<double> waited =
+            std::chrono::steady_clock::now() - job->submitted;
+        if (waited.count() >= limit) {
+          deliver(job->completion, *log_, std::nullopt, std::nullopt,
+                  transportError(HttpError::Code::TimedOut));
+          continue;
+        }
+        limit -= waited.count();
+      }
+      begin(std::move(*job));
+    }
   }
 
   bool startMulti() {
@@ -633,6 +672,7 @@ class CurlEngine : public std::enable_shared_from_this<CurlEngine> {
         warmUpJoined_ = true;
       }
     }
+    startWaiting();
   }
 
   void finish(Transfer& t, CURLcode result) {

@@ -17,6 +17,10 @@ namespace qs {
 namespace {
 
 constexpr std::chrono::milliseconds kDefaultIdleTimeout{2000};
+// The pool serves short operation starts. A flood of them, posted faster than
+// they run, would otherwise become a thread each; past this many threads a
+// task waits for one of them, as a system operation queue's default does.
+constexpr std::size_t kMaxThreads = 16;
 
 // What the workers share with the pool. Workers are detached and each holds
 // this state, so a worker still returning after the pool is gone is safe.
@@ -86,7 +90,7 @@ class ThreadWorkerPool final : public WorkerPool {
   void post(std::function<void()> task) override {
     std::unique_lock lock(state_->mutex);
     state_->tasks.push_back(std::move(task));
-    if (state_->idle >= state_->tasks.size()) {
+    if (state_->idle >= state_->tasks.size() || state_->live >= kMaxThreads) {
       state_->work.notify_one();
       return;
     }
