@@ -63,12 +63,15 @@ using LoopDrivers = testing::Types<FakeLoopDriver, GlibHostLoopDriver>;
 TYPED_TEST_SUITE(MainLoopContract, LoopDrivers);
 
 TYPED_TEST(MainLoopContract, TimersFireInIntervalOrderUnlessInvalidated) {
+  // Intervals count from each call, so they are far apart: on a loaded
+  // machine (sanitizers, parallel builds) the calls themselves can be
+  // several milliseconds apart.
   std::vector<int> fired;
-  this->loop().scheduleTimer(0.03, [&] { fired.push_back(3); });
-  auto cancelled = this->loop().scheduleTimer(0.01, [&] { fired.push_back(99); });
-  this->loop().scheduleTimer(0.02, [&] { fired.push_back(2); });
+  this->loop().scheduleTimer(0.3, [&] { fired.push_back(3); });
+  auto cancelled = this->loop().scheduleTimer(0.1, [&] { fired.push_back(99); });
+  this->loop().scheduleTimer(0.2, [&] { fired.push_back(2); });
   this->loop().scheduleTimer(-1, [&] { fired.push_back(1); });
-  auto last = this->loop().scheduleTimer(0.04, [&] { fired.push_back(4); });
+  auto last = this->loop().scheduleTimer(0.4, [&] { fired.push_back(4); });
   EXPECT_TRUE(cancelled->isValid());
   cancelled->invalidate();
   EXPECT_FALSE(cancelled->isValid());
