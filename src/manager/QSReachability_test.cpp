@@ -15,7 +15,9 @@ TEST(QSReachabilityTest, ClassifiesFlagsAndLogsThemAsLetters) {
   constexpr std::uint32_t R = kReachabilityFlagsReachable, c = kReachabilityFlagsConnectionRequired,
                           C = kReachabilityFlagsConnectionOnTraffic,
                           i = kReachabilityFlagsInterventionRequired, W = kReachabilityFlagsIsWWAN,
-                          d = kReachabilityFlagsIsDirect;
+                          d = kReachabilityFlagsIsDirect, t = kReachabilityFlagsTransientConnection,
+                          D = kReachabilityFlagsConnectionOnDemand,
+                          l = kReachabilityFlagsIsLocalAddress;
   EXPECT_EQ(monitor->networkStatusForFlags(0), QSNetworkStatusNotReachable);
   EXPECT_EQ(monitor->networkStatusForFlags(R), QSNetworkStatusViaWiFi);
   EXPECT_EQ(monitor->networkStatusForFlags(R | c), QSNetworkStatusNotReachable);
@@ -27,6 +29,25 @@ TEST(QSReachabilityTest, ClassifiesFlagsAndLogsThemAsLetters) {
   monitor->networkStatusForFlags(R | d);
   EXPECT_EQ(fake.log->lines(),
             std::vector<std::string>{"Reachability Flag Status: -R ------d networkStatusForFlags"});
+
+  // Every flag has its own letter in its own place; the blank separates
+  // the first two from the rest.
+  const std::string all = "WR tcCiDld";
+  const std::uint32_t bits[] = {W, R, 0, t, c, C, i, D, l, d};
+  std::uint32_t every = 0;
+  for (std::size_t place = 0; place < all.size(); ++place) {
+    if (bits[place] == 0) continue;
+    fake.log->clear();
+    monitor->networkStatusForFlags(bits[place]);
+    std::string letters = "-- -------";
+    letters[place] = all[place];
+    EXPECT_EQ(fake.log->lines().at(0),
+              "Reachability Flag Status: " + letters + " networkStatusForFlags");
+    every |= bits[place];
+  }
+  fake.log->clear();
+  monitor->networkStatusForFlags(every);
+  EXPECT_EQ(fake.log->lines().at(0), "Reachability Flag Status: " + all + " networkStatusForFlags");
 }
 
 TEST(QSReachabilityTest, PostsChangesOnlyWhileScheduledAndToleratesPlatformFailures) {
