@@ -72,6 +72,26 @@ TEST_F(AppActivityTest, DeviceAndAppFactsWithTheirPlaceholders) {
   EXPECT_EQ(d2[QSFM_SIM_SUPPORT], false);
 }
 
+// Each activity reads the route through a monitor of its own, which logs the
+// flags it saw as letters and is gone once the record is built.
+TEST_F(AppActivityTest, ConnectionTypeComesFromTheActivitysOwnMonitor) {
+  const std::size_t watching = fake.reachability->scheduledTargetCount();
+  fake.reachability->setFlags(kReachabilityFlagsReachable | kReachabilityFlagsIsWWAN |
+                              kReachabilityFlagsConnectionRequired);
+  fake.log->clear();
+  EXPECT_EQ(build(QSAppStateNewSession)["d"][QSFM_CONNECTION_TYPE], "Mobile");
+  EXPECT_EQ(fake.log->lines(),
+            std::vector<std::string>{"Reachability Flag Status: WR -c----- networkStatusForFlags"});
+  EXPECT_EQ(fake.reachability->scheduledTargetCount(), watching);
+
+  fake.reachability->setFlags(0);
+  EXPECT_EQ(build(QSAppStateIdle)["d"][QSFM_CONNECTION_TYPE], "No internet");
+  fake.reachability->setFlagsReadable(false);
+  fake.log->clear();
+  EXPECT_EQ(build(QSAppStateIdle)["d"][QSFM_CONNECTION_TYPE], "No internet");
+  EXPECT_EQ(fake.log->count("Reachability Flag Status"), 0u);
+}
+
 TEST_F(AppActivityTest, FingerprintsAndTimings) {
   fake.device->uniqueStringValue = "AB-CD-EF";
   Value d = build(QSAppStateIdle)["d"];

@@ -52,6 +52,44 @@ TEST_F(QSManagerHelperTest, TheMostRecentTimerRequestWins) {
   EXPECT_EQ(lastPost().type(), QSFM_APP_IDLE);
 }
 
+// Token renewal arms the app-idle timer (an idle activity at the cookie's fire
+// date); the app-init timer sends a new session after 60 s. They share one
+// slot: arming either cancels the pending other, which then never fires.
+TEST_F(QSManagerHelperTest, EachTriggerArmsItsTimerAndCancelsThePendingOne) {
+  const double t0 = fake.clock->now();
+  const std::size_t before = posts();
+  helper().setTimerForTokenRenew(QSCookie("_qs3", "T", Value("100"), t0));  // fires at 80 s
+  fake.mainLoop->runUntilIdle();
+  EXPECT_EQ(fake.mainLoop->pendingTimerCount(), 1u);
+  fake.mainLoop->advance(79.9);
+  EXPECT_EQ(posts(), before) << "the app-init timer armed by the first answer was cancelled";
+  fake.mainLoop->advance(0.1);
+  ASSERT_EQ(posts(), before + 1);
+  EXPECT_EQ(lastPost().type(), QSFM_APP_IDLE);
+  EXPECT_EQ(lastPost().details()[QSFM_APP_STATE], "idle");
+
+  helper().setTimerForAppIdleActivity(30);
+  fake.mainLoop->runUntilIdle();
+  helper().setTimerForAppInitActivity();
+  fake.mainLoop->runUntilIdle();
+  EXPECT_EQ(fake.mainLoop->pendingTimerCount(), 1u);
+  EXPECT_DOUBLE_EQ(fake.mainLoop->nextFireTime(), fake.clock->now() + 60);
+  fake.mainLoop->advance(59.9);
+  EXPECT_EQ(posts(), before + 1) << "the idle timer was cancelled";
+  fake.mainLoop->advance(0.1);
+  ASSERT_EQ(posts(), before + 2);
+  EXPECT_EQ(lastPost().type(), QSFM_APP_INIT);
+  EXPECT_EQ(lastPost().details()[QSFM_APP_STATE], "new_session");
+
+  EXPECT_EQ(fake.log->count("--> setTimerForTokenRenew"), 1u);
+  EXPECT_EQ(fake.log->count("--> setTimerForAppIdleActivity"), 2u);
+  EXPECT_EQ(fake.log->count("--> setTimerForAppInitActivity"), 1u);
+  EXPECT_EQ(fake.log->count("** Invalidating timer **"), 2u);
+  EXPECT_TRUE(fake.log->contains(
+      "set a new timer, it will send app_idle activity in 80.000000 seconds, 1.33 minutes"));
+  EXPECT_EQ(fake.log->count("set a new timer, it will send app_init activity in 60 seconds"), 1u);
+}
+
 TEST_F(QSManagerHelperTest, ForegroundAndNetworkNotifications) {
   const std::size_t before = posts();
   for (int i = 0; i < 2; ++i) {

@@ -1,6 +1,8 @@
 #include "quarrystone/QSManager.h"
 
 #include "CoreFixture.h"
+#include "FakeUI.h"
+#include "block/QSWebViewController.h"
 #include "quarrystone/QSFieldsMapping.h"
 
 namespace qs::testing {
@@ -111,8 +113,15 @@ TEST_F(QSManagerTest, MisusedBlockHandlingIsReportedNotShown) {
   ASSERT_NE(foreign, nullptr);
   EXPECT_EQ(foreign->type(), QSBlockResponseTypeForeign);
 
+  fake.log->clear();
   manager->handleBlockResponse(nullptr, host);
   manager->handleBlockResponse(foreign, host);
+  EXPECT_EQ(
+      fake.log->lines(),
+      (std::vector<std::string>{
+          "QS Error - call handleBlock() only after you pass the responseJson via "
+          "checkError() method",
+          "QS Error - call handleBlock() only if block response type belongs to Quarrystone"}));
 
   std::vector<std::string> reported;
   for (const auto& r : fake.http->requests()) {
@@ -155,6 +164,61 @@ TEST_F(QSManagerTest, MisusedBlockHandlingIsReportedNotShown) {
   EXPECT_EQ(fake.log->count("LogEntries - success"), 1u);
   EXPECT_TRUE(fake.log->contains(
       "LogEntries received error: The Internet connection appears to be offline."));
+}
+
+// "<p>hi</p>" as the host backend sends it.
+Value blockJson(const char* action) { return Value{{"action", action}, {"page", "PHA+aGk8L3A+"}}; }
+
+TEST_F(QSManagerTest, BlockAndCaptchaPagesArePresentedOverTheHostScreen) {
+  ViewController host;
+  // Without a UI the page cannot be shown; that is logged, not raised.
+  fake.log->clear();
+  manager->handleBlockResponse(manager->checkError(blockJson("captcha")), host);
+  EXPECT_EQ(fake.log->lines(), (std::vector<std::string>{
+                                   "----> handle Captcha",
+                                   "showBlockResponse - no UI is available to present the page"}));
+
+  auto ui = std::make_shared<fake::FakeUI>();
+  fake.ui = ui;
+  auto shown = QSManager::create(fake.platform(), settings);
+  shown->setDelegate(delegate);
+  shown->startWith("app1");
+
+  fake.log->clear();
+  shown->handleBlockResponse(shown->checkError(blockJson("block")), host);
+  EXPECT_EQ(fake.log->lines().at(0), "----> handle Block");
+  shown->handleBlockResponse(shown->checkError(blockJson("captcha")), host);
+  EXPECT_EQ(fake.log->count("----> handle Captcha"), 1u);
+  EXPECT_EQ(fake.log->count("showBlockResponse"), 0u);
+
+  ASSERT_EQ(ui->presented().size(), 2u);
+  for (const auto& [controller, presentedOver, animated] : ui->presented()) {
+    EXPECT_EQ(presentedOver, &host);
+    EXPECT_TRUE(animated);
+    auto page = std::dynamic_pointer_cast<QSWebViewController>(controller);
+    ASSERT_NE(page, nullptr);
+    EXPECT_EQ(page->delegate().get(), static_cast<QSWebViewDelegate*>(shown.get()));
+    auto view = ui->contentOf(*page);
+    ASSERT_NE(view, nullptr);
+    ASSERT_EQ(view->loads().size(), 1u);
+    EXPECT_EQ(view->loads()[0].html, "<p>hi</p>");
+    EXPECT_EQ(view->loads()[0].baseUrl, "https://service.test");
+  }
+  auto block = ui->presented()[0].controller;
+  auto captcha = ui->presented()[1].controller;
+  EXPECT_EQ(std::dynamic_pointer_cast<QSWebViewController>(block)->blockResponse()->type(),
+            QSBlockResponseTypeBlock);
+
+  // The solved captcha starts a new session and takes its page down; the
+  // block page stays.
+  const std::size_t before = collectorPosts().size();
+  EXPECT_EQ(ui->contentOf(*captcha)->navigate("https://service.test/qs/captcha_callback?status=0"),
+            false);
+  ASSERT_EQ(collectorPosts().size(), before + 1);
+  EXPECT_EQ(lastPost().type(), QSFM_APP_INIT);
+  EXPECT_EQ(lastPost().details()[QSFM_APP_STATE], "new_session");
+  EXPECT_FALSE(ui->isPresented(*captcha));
+  EXPECT_TRUE(ui->isPresented(*block));
 }
 
 }  // namespace

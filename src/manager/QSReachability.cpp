@@ -39,7 +39,8 @@ void QSReachability::ReachabilityCallback(ReachabilityTarget* /*target*/, std::u
 bool QSReachability::startNotifier() {
   if (!target_) return false;
   ReachabilityTarget* target = target_.get();
-  // The target is owned by this monitor and unscheduled before it goes, so
+  // The target is owned by this monitor and stopped before it goes; once
+  // stopped it never calls again and has waited for a call in progress, so
   // the callback never outlives the monitor it points at.
   if (!target_->setCallback(
           [this, target](std::uint32_t flags) { ReachabilityCallback(target, flags, this); })) {

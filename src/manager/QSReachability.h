@@ -16,6 +16,8 @@ inline constexpr QSNetworkStatus QSNetworkStatusViaWWAN = 2;
 // Watches one route and posts kQSReachabilityChangedNotification, with the
 // monitor as the object, on the main thread whenever the platform reports a
 // change. Status queries may come from any thread. Owns its platform target.
+// stopNotifier() and destruction wait for a change being posted on another
+// thread, so the object stays valid for the observers of that post.
 class QSReachability {
  public:
   // Null when the platform cannot create a target.

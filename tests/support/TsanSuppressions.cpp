@@ -13,6 +13,12 @@
 // the libraries' calls leaves lock and unlock unpaired. There, races inside
 // those libraries are dropped instead; the code under test runs on the GTK
 // thread alone.
+//
+// The GIO reachability test registers a network monitor type of its own.
+// GObject ends that registration with a tail call that unlocks its type
+// lock, so the unlock seems to come from the test while the matching lock,
+// taken inside GObject, was dropped: an unpaired unlock, reported for that
+// one function only.
 extern "C" const char* __tsan_default_suppressions();
 extern "C" const char* __tsan_default_suppressions() {
 #ifdef QS_TSAN_TOOLKIT_TESTS
@@ -29,7 +35,8 @@ extern "C" const char* __tsan_default_suppressions() {
          "called_from_lib:libgobject-2.0.so\n"
          "called_from_lib:libgio-2.0.so\n"
          "called_from_lib:libcpp-httplib.so\n"
-         "race:libcpp-httplib.so\n";
+         "race:libcpp-httplib.so\n"
+         "mutex:testMonitorType\n";
 #endif
 }
 

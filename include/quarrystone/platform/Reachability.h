@@ -25,6 +25,15 @@ enum ReachabilityFlags : std::uint32_t {
 
 // One watched route (a host name, or an address such as the IPv4 wildcard
 // for "the internet"). Destroying it unschedules it.
+//
+// Stopping contract: once unschedule() or the destructor returns, the
+// callback is never called again. Changes still queued are dropped, and a
+// call already running on another thread has returned by then; a call on
+// the stopping thread itself (the callback stopping its own target) is not
+// waited for and finishes afterwards. So the callback may point at its owner
+// without keeping it alive, and an implementation keeps no copy of the
+// callback that could run past that point.
+// REQUIRES: the stopping thread holds no lock that the callback takes.
 class QS_EXPORT ReachabilityTarget {
  public:
   virtual ~ReachabilityTarget() = default;
@@ -34,6 +43,7 @@ class QS_EXPORT ReachabilityTarget {
   virtual bool setCallback(std::function<void(std::uint32_t flags)> callback) = 0;
   // Starts delivering changes on the main loop. False on failure.
   virtual bool schedule() = 0;
+  // Stops delivering changes; see the stopping contract above. Any thread.
   virtual void unschedule() = 0;
 };
 

@@ -1,6 +1,7 @@
 #include "FakePlatform.h"
 
 #include <algorithm>
+#include <thread>
 
 #include <fmt/format.h>
 
@@ -85,6 +86,14 @@ bool FakeKeyValueStore::hasPersisted(const std::string& key) const {
   return persisted_.count(key) != 0;
 }
 
+// One target's callback and whether it may still be called; shared with the
+// calls in progress, so the target itself can go while they finish.
+struct FakeReachability::Delivery {
+  std::function<void(std::uint32_t)> callback;  // guarded by the owner's mutex_
+  bool scheduled = false;                       // guarded by the owner's mutex_
+  std::vector<std::thread::id> running;         // guarded: threads inside the callback
+};
+
 class FakeReachability::Target final : public ReachabilityTarget {
  public:
   explicit Target(FakeReachability& owner) : owner_(owner) {}
@@ -98,26 +107,33 @@ class FakeReachability::Target final : public ReachabilityTarget {
   bool setCallback(std::function<void(std::uint32_t)> callback) override {
     std::lock_guard lock(owner_.mutex_);
     if (!owner_.canSetCallback_) return false;
-    callback_ = std::move(callback);
+    delivery_->callback = std::move(callback);
     return true;
   }
   bool schedule() override {
     std::lock_guard lock(owner_.mutex_);
-    if (std::find(owner_.scheduled_.begin(), owner_.scheduled_.end(), this) ==
-        owner_.scheduled_.end()) {
-      owner_.scheduled_.push_back(this);
+    if (!delivery_->scheduled) {
+      delivery_->scheduled = true;
+      owner_.scheduled_.push_back(delivery_);
     }
     return true;
   }
+  // Waits for calls running on other threads; a call on this thread (the
+  // callback stopping its own target) finishes after this returns.
   void unschedule() override {
-    std::lock_guard lock(owner_.mutex_);
-    std::erase(owner_.scheduled_, this);
+    std::unique_lock lock(owner_.mutex_);
+    delivery_->scheduled = false;
+    std::erase(owner_.scheduled_, delivery_);
+    const auto self = std::this_thread::get_id();
+    owner_.callbackReturned_.wait(lock, [&] {
+      return std::all_of(delivery_->running.begin(), delivery_->running.end(),
+                         [self](std::thread::id id) { return id == self; });
+    });
   }
-  std::function<void(std::uint32_t)> callback() { return callback_; }
 
  private:
-  FakeReachability& owner_;                      // weak
-  std::function<void(std::uint32_t)> callback_;  // guarded by owner_.mutex_
+  FakeReachability& owner_;  // weak: the platform outlives its targets
+  const std::shared_ptr<Delivery> delivery_ = std::make_shared<Delivery>();
 };
 
 std::unique_ptr<ReachabilityTarget> FakeReachability::make() {
@@ -135,15 +151,32 @@ std::unique_ptr<ReachabilityTarget> FakeReachability::targetForAddress(const std
 }
 
 void FakeReachability::setFlags(std::uint32_t flags) {
-  std::vector<std::function<void(std::uint32_t)>> callbacks;
+  std::vector<std::shared_ptr<Delivery>> deliveries;
   {
     std::lock_guard lock(mutex_);
     flags_ = flags;
-    for (Target* target : scheduled_) {
-      if (auto cb = target->callback()) callbacks.push_back(std::move(cb));
-    }
+    deliveries = scheduled_;
   }
-  for (const auto& cb : callbacks) cb(flags);
+  for (const auto& delivery : deliveries) deliver(delivery, flags);
+}
+
+// An earlier callback of this change may have unscheduled the target: it is
+// checked again right before its own call.
+void FakeReachability::deliver(const std::shared_ptr<Delivery>& delivery, std::uint32_t flags) {
+  const auto self = std::this_thread::get_id();
+  std::function<void(std::uint32_t)> callback;
+  {
+    std::lock_guard lock(mutex_);
+    if (!delivery->scheduled || !delivery->callback) return;
+    callback = delivery->callback;
+    delivery->running.push_back(self);
+  }
+  callback(flags);
+  {
+    std::lock_guard lock(mutex_);
+    delivery->running.erase(std::find(delivery->running.begin(), delivery->running.end(), self));
+  }
+  callbackReturned_.notify_all();
 }
 
 void FakeReachability::setFlagsReadable(bool readable) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <condition_variable>
 #include <cstddef>
 #include <map>
 #include <memory>
@@ -53,7 +54,9 @@ class FakeKeyValueStore final : public KeyValueStore {
 };
 
 // Reachability with flags the test sets. setFlags() calls the callbacks of
-// scheduled targets on the calling thread. Thread-safe.
+// scheduled targets on the calling thread; a target that is unscheduled or
+// destroyed is not called again, and unscheduling waits for a call of it
+// running on another thread. Thread-safe.
 class FakeReachability final : public Reachability {
  public:
   std::unique_ptr<ReachabilityTarget> targetForHostName(const std::string& host) override;
@@ -68,14 +71,17 @@ class FakeReachability final : public Reachability {
  private:
   class Target;
   friend class Target;
+  struct Delivery;
   std::unique_ptr<ReachabilityTarget> make();
+  void deliver(const std::shared_ptr<Delivery>& delivery, std::uint32_t flags);
 
   mutable std::mutex mutex_;
+  std::condition_variable callbackReturned_;
   std::uint32_t flags_ = 0x2;  // reachable
   bool readable_ = true;
   bool canCreate_ = true;
   bool canSetCallback_ = true;
-  std::vector<Target*> scheduled_;  // guarded by mutex_
+  std::vector<std::shared_ptr<Delivery>> scheduled_;  // guarded by mutex_
 };
 
 // Device facts with settable values. Unique strings and UUIDs count up, so

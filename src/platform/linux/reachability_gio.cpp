@@ -13,9 +13,11 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <condition_variable>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -130,16 +132,52 @@ std::optional<bool> routeExists(const std::string& numeric) {
 }
 
 // One target's state, shared between its owner, the network loop and the
-// callbacks queued on the main loop.
+// callbacks queued on the main loop, so that the target can go while a
+// queued change is still to be dropped.
 struct TargetCore {
   TargetCore(ReachabilityTargetKind k, std::string probe)
       : kind(k), probeAddress(std::move(probe)) {}
+
+  // Main loop: calls the callback unless the target was unscheduled since the
+  // change was queued, and lets unschedule() know when the call is over.
+  void deliver(std::uint32_t flags) {
+    const auto self = std::this_thread::get_id();
+    std::function<void(std::uint32_t)> call;
+    {
+      std::lock_guard lock(mutex);
+      if (!scheduled || !callback) return;
+      call = callback;
+      running.push_back(self);
+    }
+    call(flags);
+    {
+      std::lock_guard lock(mutex);
+      running.erase(std::find(running.begin(), running.end(), self));
+    }
+    callbackReturned.notify_all();
+  }
+
+  // No call starts after this returns, and one running on another thread has
+  // finished. A call on this thread (the callback stopping its own target)
+  // is not waited for: it finishes after this returns.
+  void unschedule() {
+    std::unique_lock lock(mutex);
+    scheduled = false;
+    const auto self = std::this_thread::get_id();
+    callbackReturned.wait(lock, [&] {
+      return std::all_of(running.begin(), running.end(),
+                         [self](std::thread::id id) { return id == self; });
+    });
+  }
+
   const ReachabilityTargetKind kind;
   const std::string probeAddress;  // numeric address for route probes; empty if none
   std::mutex mutex;
+  std::condition_variable callbackReturned;
   std::function<void(std::uint32_t)> callback;  // guarded by mutex
   bool scheduled = false;                       // guarded by mutex
   std::optional<std::uint32_t> lastFlags;       // guarded by mutex; last seen while scheduled
+  std::vector<std::thread::id> running;         // guarded by mutex: threads inside callback
 };
 
 void onNetworkChanged(GNetworkMonitor*, gboolean, gpointer watcher);
@@ -215,14 +253,7 @@ class NetworkWatcher {
         target->lastFlags = flags;
       }
       mainLoop_->dispatchAsync([weak = std::weak_ptr<TargetCore>(target), value = *flags] {
-        auto core = weak.lock();
-        if (!core) return;
-        std::function<void(std::uint32_t)> callback;
-        {
-          std::lock_guard lock(core->mutex);
-          if (core->scheduled) callback = core->callback;
-        }
-        if (callback) callback(value);
+        if (auto core = weak.lock()) core->deliver(value);
       });
     }
   }
@@ -285,7 +316,7 @@ void onPropertyChanged(GObject*, GParamSpec*, gpointer watcher) {
 }
 
 // Thread contract: flags() from any thread; the callback runs on the main
-// loop, only while the target is scheduled.
+// loop, only while the target is scheduled (see TargetCore::unschedule).
 class GioReachabilityTarget final : public ReachabilityTarget {
  public:
   GioReachabilityTarget(std::shared_ptr<NetworkWatcher> watcher, std::shared_ptr<TargetCore> core)
@@ -311,10 +342,7 @@ class GioReachabilityTarget final : public ReachabilityTarget {
     return true;
   }
 
-  void unschedule() override {
-    std::lock_guard lock(core_->mutex);
-    core_->scheduled = false;
-  }
+  void unschedule() override { core_->unschedule(); }
 
  private:
   std::shared_ptr<NetworkWatcher> watcher_;

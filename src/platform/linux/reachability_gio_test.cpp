@@ -15,10 +15,70 @@
 #include <cstring>
 #include <mutex>
 
+#include "ReachabilityStress.h"
+#include "glib_context.h"
+#include "platform/fake/FakePlatform.h"
 #include "quarrystone/LinuxPlatform.h"
 
 namespace qs {
 namespace {
+
+// A network monitor whose state the test sets, so that changes come as fast
+// as the test fires them and no route of the machine is touched. Each
+// instance is remembered; they are never freed while the test runs.
+struct TestMonitor {
+  GObject parent;
+  gboolean available;  // network loop only
+};
+struct TestMonitorClass {
+  GObjectClass parentClass;
+};
+enum { kPropAvailable = 1, kPropMetered, kPropConnectivity };
+
+std::mutex testMonitorsMutex;
+std::vector<TestMonitor*> testMonitors;  // guarded by testMonitorsMutex
+
+void getTestMonitorProperty(GObject* instance, guint id, GValue* value, GParamSpec*) {
+  gboolean available = reinterpret_cast<TestMonitor*>(instance)->available;
+  if (id == kPropAvailable) g_value_set_boolean(value, available);
+  if (id == kPropMetered) g_value_set_boolean(value, FALSE);
+  if (id == kPropConnectivity) {
+    g_value_set_enum(value, available ? G_NETWORK_CONNECTIVITY_FULL : G_NETWORK_CONNECTIVITY_LOCAL);
+  }
+}
+
+GType testMonitorType() {
+  static const GType type = [] {
+    GType made = g_type_register_static_simple(
+        G_TYPE_OBJECT, "QsTestNetworkMonitor", sizeof(TestMonitorClass),
+        [](gpointer klass, gpointer) {
+          auto* object = static_cast<GObjectClass*>(klass);
+          object->get_property = &getTestMonitorProperty;
+          g_object_class_override_property(object, kPropAvailable, "network-available");
+          g_object_class_override_property(object, kPropMetered, "network-metered");
+          g_object_class_override_property(object, kPropConnectivity, "connectivity");
+        },
+        sizeof(TestMonitor),
+        [](GTypeInstance* instance, gpointer) {
+          auto* self = reinterpret_cast<TestMonitor*>(instance);
+          self->available = FALSE;
+          std::lock_guard lock(testMonitorsMutex);
+          testMonitors.push_back(self);
+        },
+        static_cast<GTypeFlags>(0));
+    const GInterfaceInfo initable{
+        [](gpointer iface, gpointer) {
+          static_cast<GInitableIface*>(iface)->init = [](GInitable*, GCancellable*,
+                                                         GError**) -> gboolean { return TRUE; };
+        },
+        nullptr, nullptr};
+    g_type_add_interface_static(made, G_TYPE_INITABLE, &initable);
+    const GInterfaceInfo monitor{[](gpointer, gpointer) {}, nullptr, nullptr};
+    g_type_add_interface_static(made, G_TYPE_NETWORK_MONITOR, &monitor);
+    return made;
+  }();
+  return type;
+}
 
 constexpr std::uint32_t R = kReachabilityFlagsReachable, C = kReachabilityFlagsConnectionRequired,
                         I = kReachabilityFlagsInterventionRequired, W = kReachabilityFlagsIsWWAN,
@@ -160,6 +220,61 @@ TEST(GioReachability, RouteChangeArrivesThroughTheMainLoop) {
   ASSERT_TRUE(WIFEXITED(status));
   if (WEXITSTATUS(status) == 77) GTEST_SKIP() << "network namespaces are not available here";
   EXPECT_EQ(WEXITSTATUS(status), 0) << "the check failed inside the namespace (output above)";
+}
+
+// Runs in a fresh process in which the test monitor is GIO's choice (see the
+// test below). Changes are fired as the monitor would: its state changes and
+// it emits "network-changed", on the network loop, where the adapter's
+// private monitor lives.
+void monitorsComeAndGoWhileChangesAreDelivered() {
+  g_io_extension_point_register(G_NETWORK_MONITOR_EXTENSION_POINT_NAME);
+  g_io_extension_point_implement(G_NETWORK_MONITOR_EXTENSION_POINT_NAME, testMonitorType(),
+                                 "qs-test", 1000);
+  GNetworkMonitor* chosen = g_network_monitor_get_default();
+  ASSERT_EQ(reinterpret_cast<GTypeInstance*>(chosen)->g_class->g_type, testMonitorType());
+
+  auto mainLoop = makeGlibMainLoop(nullptr);
+  auto network = makeGlibMainLoop(nullptr);
+  fake::FakePlatform fake;
+  Platform platform = fake.platform();
+  platform.mainLoop = mainLoop;
+  platform.reachability = makeGioReachability(mainLoop, network);
+  ASSERT_TRUE(platform.reachability->targetForAddress("0.0.0.0"));  // starts the monitor
+  TestMonitor* monitor = nullptr;
+  {
+    std::lock_guard lock(testMonitorsMutex);
+    ASSERT_EQ(testMonitors.size(), 2u) << "the default and the adapter's own";
+    monitor = testMonitors.back();
+  }
+  auto fire = [&](bool up) {
+    ASSERT_TRUE(runOnLoopAndWait(*network, [&] {
+      monitor->available = up;
+      g_signal_emit_by_name(monitor, "network-changed", up);
+    }));
+  };
+  testing::stressReachabilityMonitors(platform, fire, /*threads=*/4, /*iterations=*/200);
+}
+
+TEST(GioReachability, MonitorsComeAndGoWhileChangesAreDelivered) {
+  if (std::getenv("QS_TEST_GIO_TEST_MONITOR") != nullptr) {
+    monitorsComeAndGoWhileChangesAreDelivered();
+    return;
+  }
+  // GIO picks its monitor once per process: the check runs as a fresh copy
+  // of this test binary that installs the test monitor before anything asks.
+  pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    setenv("QS_TEST_GIO_TEST_MONITOR", "1", 1);
+    setenv("GIO_USE_NETWORK_MONITOR", "qs-test", 1);
+    execl("/proc/self/exe", "/proc/self/exe",
+          "--gtest_filter=GioReachability.MonitorsComeAndGoWhileChangesAreDelivered", nullptr);
+    _exit(78);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0) << "the check failed in the child (output above)";
 }
 
 }  // namespace
