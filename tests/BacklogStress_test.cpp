@@ -55,11 +55,7 @@ class BacklogStress : public ::testing::Test {
     if (envOr("QS_SANDBOX_BIN").empty()) GTEST_SKIP() << "the sandbox is not built";
     sandbox = std::make_unique<SandboxProcess>(dir.path(), std::vector<std::string>{});
     ASSERT_NE(sandbox->port(), 0) << sandbox->output();
-    const auto settings = sandbox->settings((dir.path() / "store.sqlite").string());
-    LinuxPlatformOptions options;
-    options.bundle = {"1.0", "Stress Host", "com.example.stress", {"en"}};
-    options.log = log;
-    manager = QSManager::create(makeLinuxPlatform(settings, options), settings);
+    manager = makeSandboxManager(*sandbox, dir.path(), "stress", log);
     manager->setDelegate(delegate);
   }
   void TearDown() override {

@@ -21,12 +21,7 @@ class FaultRuns : public ::testing::Test {
     if (envOr("QS_SANDBOX_BIN").empty()) GTEST_SKIP() << "the sandbox is not built";
     sandbox = std::make_unique<SandboxProcess>(dir.path(), std::vector<std::string>{});
     ASSERT_NE(sandbox->port(), 0) << sandbox->output();
-    const auto settings = sandbox->settings((dir.path() / "store.sqlite").string());
-    LinuxPlatformOptions options;
-    options.bundle = {"1.0", "Fault Host", "com.example.fault", {"en"}};
-    options.log = log;
-    options.logLevel = LogLevel::Debug;
-    manager = QSManager::create(makeLinuxPlatform(settings, options), settings);
+    manager = makeSandboxManager(*sandbox, dir.path(), "fault", log);
     manager->setDelegate(delegate);
   }
   void TearDown() override {

@@ -45,10 +45,13 @@ void CollectorRequest::sendRequestToServer(const Value& activity) {
   operation->setDelegate(shared_from_this());
   if (!network_->addNetworkOperation(std::move(operation))) {
     const std::uint64_t dropped = droppedActivities_.fetch_add(1) + 1;
+    // The first drop since the last report is a warning; the rest of a flood
+    // only traces, so a host's log does not flood with it.
     log(fmt::format(
-        "CollectorRequest - {} requests pending, activity {} dropped ({} dropped since the last "
-        "error report)",
-        QSNetworkManager::kMaxPendingOperations, type, dropped));
+            "CollectorRequest - {} requests pending, activity {} dropped ({} dropped since the "
+            "last error report)",
+            QSNetworkManager::kMaxPendingOperations, type, dropped),
+        dropped == 1 ? LogLevel::Warning : LogLevel::Debug);
   }
 }
 

@@ -169,7 +169,8 @@ void QSManagerHelper::reportError(const std::string& message) {
   if (!network_->addNetworkOperation(std::move(operation))) {
     collectorRequest_->restoreDroppedActivities(dropped);
     log(fmt::format("LogEntries - {} requests pending, report dropped",
-                    QSNetworkManager::kMaxPendingOperations));
+                    QSNetworkManager::kMaxPendingOperations),
+        LogLevel::Warning);
   }
 }
 

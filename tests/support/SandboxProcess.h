@@ -21,6 +21,8 @@
 
 #include "ChildProcess.h"
 #include "quarrystone/DeploymentSettings.h"
+#include "quarrystone/LinuxPlatform.h"
+#include "quarrystone/QSManager.h"
 #include "quarrystone/Value.h"
 
 namespace qs::testing {
@@ -179,5 +181,19 @@ class TempDir {
  private:
   std::filesystem::path path_;
 };
+
+// A manager on the real Linux platform that talks to `sandbox`, with its store
+// in `dir` and the whole trace (Debug and up) in `log`.
+inline std::shared_ptr<QSManager> makeSandboxManager(const SandboxProcess& sandbox,
+                                                     const std::filesystem::path& dir,
+                                                     const std::string& hostName,
+                                                     std::shared_ptr<Log> log) {
+  const auto settings = sandbox.settings((dir / "store.sqlite").string());
+  LinuxPlatformOptions options;
+  options.bundle = {"1.0", hostName, "com.example." + hostName, {"en"}};
+  options.log = std::move(log);
+  options.logLevel = LogLevel::Debug;
+  return QSManager::create(makeLinuxPlatform(settings, options), settings);
+}
 
 }  // namespace qs::testing

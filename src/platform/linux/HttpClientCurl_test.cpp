@@ -105,37 +105,35 @@ class Loopback {
   std::thread thread_;
 };
 
+// A socket bound to a free loopback port, listening if asked; `url` is set
+// to its plain-HTTP address.
+int bindLoopback(bool listening, std::string& url) {
+  const int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof address;
+  bind(fd, reinterpret_cast<sockaddr*>(&address), size);
+  getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
+  if (listening) listen(fd, 16);
+  url = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/";
+  return fd;
+}
+
 // A bound loopback port that refuses connections, or when `listening` takes
 // them into its backlog and never answers.
 class SilentPort {
  public:
-  explicit SilentPort(bool listening) : fd_(socket(AF_INET, SOCK_STREAM, 0)) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    bind(fd_, reinterpret_cast<sockaddr*>(&address), size);
-    getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &size);
-    if (listening) listen(fd_, 16);
-    url = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/";
-  }
+  explicit SilentPort(bool listening) : fd_(bindLoopback(listening, url)) {}
   ~SilentPort() { close(fd_); }
+  std::string url;  // set by the constructor: declared before fd_
   const int fd_;
-  std::string url;
 };
 
 class RawServer {
  public:
   using Serve = std::function<void(int fd, std::size_t connection)>;
-  explicit RawServer(Serve serve) : fd_(socket(AF_INET, SOCK_STREAM, 0)) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    bind(fd_, reinterpret_cast<sockaddr*>(&address), size);
-    getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &size);
-    listen(fd_, 16);
-    url = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/";
+  explicit RawServer(Serve serve) : fd_(bindLoopback(true, url)) {
     thread_ = std::thread([this, serve = std::move(serve)] {
       for (std::size_t connection = 0;; ++connection) {
         const int fd = accept(fd_, nullptr, nullptr);
