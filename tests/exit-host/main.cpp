@@ -69,7 +69,8 @@ class WatchingLog final : public qs::Log {
   WatchingLog(std::shared_ptr<Moment> moment, qs::DeploymentSettings settings, bool slowAnswer)
       : moment_(std::move(moment)), settings_(std::move(settings)), slowAnswer_(slowAnswer) {}
 
-  void write(std::string_view line) override {
+  using qs::Log::write;
+  void write(qs::LogLevel, std::string_view line) override {
     std::fprintf(stderr, "qs: %.*s\n", static_cast<int>(line.size()), line.data());
     if (line != "handleCollectorResponse --> handleChallenge") return;
     if (slowAnswer_ && !makeSandboxSlow(settings_))
@@ -133,6 +134,7 @@ int main(int argc, char** argv) {
   options.bundle = {"1.0", "Exit Host", std::nullopt, {"en"}};
   if (!bundleId.empty()) options.bundle.identifier = bundleId;
   options.log = std::make_shared<WatchingLog>(moment, settings, at == "answer");
+  options.logLevel = qs::LogLevel::Debug;  // it watches the trace for its moment
   qs::QSManager::installPlatform(qs::makeLinuxPlatform(settings, options), settings);
   auto delegate = std::make_shared<Delegate>(moment);
   qs::QSManager& manager = qs::QSManager::sharedInstance();

@@ -39,6 +39,7 @@ namespace qs {
 namespace {
 
 constexpr long kMaxRedirects = 5;
+constexpr long kMaxIdleConnectionSeconds = 2;
 // Transfers run at once; later requests wait as plain requests (no easy
 // handle, no socket) until one finishes. An easy handle costs tens of KB
 // and a connection a descriptor, so a backlog must not hold one each. Ample
@@ -577,6 +578,11 @@ class CurlEngine : public std::enable_shared_from_this<CurlEngine> {
     curl_easy_setopt(e, CURLOPT_DISALLOW_USERNAME_IN_URL, 1L);
     curl_easy_setopt(e, CURLOPT_UNRESTRICTED_AUTH, 0L);
     curl_easy_setopt(e, CURLOPT_PREREQFUNCTION, onRequestStart);
+    // An idle kept-alive connection is reused only briefly (long enough for
+    // an exchange's challenge round). A server may close an idle connection
+    // at any moment after its own keep-alive time (5 s is common); a request
+    // written into one that is closing would fail, and it is never resent.
+    curl_easy_setopt(e, CURLOPT_MAXAGE_CONN, kMaxIdleConnectionSeconds);
     curl_easy_setopt(e, CURLOPT_PREREQDATA, &t);
     curl_easy_setopt(e, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(e, CURLOPT_ERRORBUFFER, t.errorText);

@@ -424,6 +424,39 @@ TEST_F(HttpClientCurlTest, TlsTrustsTheGivenAuthorityAndVerifiesPeers) {
   loopback.stop();
 }
 
+// A server closes idle kept-alive connections after its own keep-alive time.
+// A request later on must go out on a new connection: written into the
+// closed one it would fail, since the client never resends it (the renewal
+// a token's life after start-up met exactly this).
+TEST_F(HttpClientCurlTest, AnIdleConnectionIsNotReusedOnceTheServerMayHaveClosedIt) {
+  TestPki pki;
+  ASSERT_TRUE(pki.ok);
+  Loopback loopback(pki.server());
+  loopback.server().set_keep_alive_timeout(1);
+  std::mutex mutex;
+  std::vector<int> ports;  // guarded by mutex
+  loopback.server().Get("/", [&](const httplib::Request& request, httplib::Response& response) {
+    std::lock_guard lock(mutex);
+    ports.push_back(request.remote_port);
+    response.set_content("ok", "text/plain");
+  });
+  const std::string url = "https://localhost:" + loopback.start() + "/";
+  auto client = makeCurlHttpClient(pki.dir + "/ca.pem", fake.log);
+  client->send(get(url), inbox->completion());
+  ASSERT_EQ(inbox->waitFor(1).size(), 1u);
+  std::this_thread::sleep_for(3s);  // past the server's keep-alive time and the client's
+  client->send(get(url), inbox->completion());
+  auto got = inbox->waitFor(2);
+  ASSERT_EQ(got.size(), 2u);
+  EXPECT_FALSE(got[1].error.has_value()) << got[1].error->localizedDescription;
+  EXPECT_EQ(got[1].body, "ok");
+  client.reset();
+  loopback.stop();
+  std::lock_guard lock(mutex);
+  ASSERT_EQ(ports.size(), 2u);
+  EXPECT_NE(ports[0], ports[1]);
+}
+
 // A kept-alive connection that closes after reading a request, unanswered:
 // libcurl would send the request again on a new connection. The client fails
 // it instead, whatever the method, so the server sees every request once.
