@@ -3,7 +3,7 @@
 #include <ranges>
 
 #include "CoreFixture.h"
-#include "network/PercentEncoding.h"
+#include "base/PercentEncoding.h"
 #include "quarrystone/QSFieldsMapping.h"
 
 namespace qs::testing {

@@ -4,7 +4,7 @@
 #include <fmt/printf.h>
 
 #include "activity/ChallengeActivity.h"
-#include "network/PercentEncoding.h"
+#include "base/PercentEncoding.h"
 #include "quarrystone/Constants.h"
 #include "quarrystone/QSManager.h"
 

@@ -8,8 +8,8 @@
 #include <string>
 
 #include "activity/AppActivity.h"
+#include "base/QSCookie.h"
 #include "collector/CollectorRequest.h"
-#include "collector/QSCookie.h"
 #include "manager/QSReachability.h"
 #include "network/QSGetOperation.h"
 #include "quarrystone/platform/Platform.h"
