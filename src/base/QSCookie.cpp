@@ -12,6 +12,10 @@
 
 namespace qs {
 
+const char* const QS_COOKIE_LEVEL_1 = "_qs";
+const char* const QS_COOKIE_LEVEL_2 = "_qs2";
+const char* const QS_COOKIE_LEVEL_3 = "_qs3";
+
 namespace {
 
 // Fire dates beyond this (about 31,700 years) are clamped so that date

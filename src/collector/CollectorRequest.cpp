@@ -12,6 +12,8 @@
 
 namespace qs {
 
+const char* const QS_JS_CLIENT_TAG = "v2.51";
+
 CollectorRequest::CollectorRequest(std::weak_ptr<QSManager> manager, Platform platform,
                                    std::shared_ptr<QSStorage> storage,
                                    std::shared_ptr<QSUtils> utils, std::shared_ptr<QSUUID> uuid,

@@ -10,6 +10,11 @@
 
 namespace qs {
 
+// The default deployment's client-error endpoint: app id, then the record.
+const char* const kDefaultLogEntriesUrlFormat =
+    "https://collector-%@.quarrystone.net/api/v1/collector/clientError?r=%@";
+const char* const QS_LOG_ENTRIES_URL = "";
+
 QSManagerHelper::QSManagerHelper(std::weak_ptr<QSManager> manager, Platform platform,
                                  std::shared_ptr<QSStorage> storage, std::shared_ptr<QSUtils> utils,
                                  std::shared_ptr<QSUUID> uuid,
