@@ -14,16 +14,8 @@ namespace qs {
 
 const char* const QS_JS_CLIENT_TAG = "v2.51";
 
-CollectorRequest::CollectorRequest(std::weak_ptr<QSManager> manager, Platform platform,
-                                   std::shared_ptr<QSStorage> storage,
-                                   std::shared_ptr<QSUtils> utils, std::shared_ptr<QSUUID> uuid,
-                                   std::shared_ptr<QSNetworkManager> network)
-    : manager_(std::move(manager)),
-      platform_(std::move(platform)),
-      storage_(std::move(storage)),
-      utils_(std::move(utils)),
-      uuid_(std::move(uuid)),
-      network_(std::move(network)) {}
+CollectorRequest::CollectorRequest(std::weak_ptr<QSManager> manager, SharedServices services)
+    : manager_(std::move(manager)), services_(std::move(services)) {}
 
 void CollectorRequest::setDelegate(std::weak_ptr<CollectorRequestDelegate> delegate) {
   delegate_ = std::move(delegate);
@@ -40,12 +32,12 @@ void CollectorRequest::sendRequestToServer(const Value& activity) {
   const std::string payload = payloadValueToBase64(activity, appId);
   const std::string form = toFormSubmitPostString(prepareBodyWith(payload, appId));
 
-  auto utils = utils_;
+  auto utils = services_.utils;
   auto operation = std::make_shared<QSPostOperation>(
-      *platform_.http, network_->userAgent(), manager->collectorUrl(), form, type,
+      *services_.platform.http, services_.network->userAgent(), manager->collectorUrl(), form, type,
       [utils] { utils->startTimerForCollectorRequest(); });
   operation->setDelegate(shared_from_this());
-  if (!network_->addNetworkOperation(std::move(operation))) {
+  if (!services_.network->addNetworkOperation(std::move(operation))) {
     const std::uint64_t dropped = droppedActivities_.fetch_add(1) + 1;
     log(fmt::format(
         "CollectorRequest - {} requests pending, activity {} dropped ({} dropped since the last "
@@ -67,12 +59,12 @@ std::string CollectorRequest::payloadValueToBase64(const Value& activity,
 
 Value CollectorRequest::prepareBodyWith(const std::string& payload, const std::string& appId) {
   Value body = Value::object();
-  body["uuid"] = uuid_->UUID();
+  body["uuid"] = services_.uuid->UUID();
   body["tag"] = QS_JS_CLIENT_TAG;
   body["en"] = "1";
   body["payload"] = payload;
-  if (auto sid = storage_->getSid()) body["sid"] = *sid;
-  if (auto vid = storage_->getVid()) body["vid"] = *vid;
+  if (auto sid = services_.storage->getSid()) body["sid"] = *sid;
+  if (auto vid = services_.storage->getVid()) body["vid"] = *vid;
   body["appId"] = appId;
   return body;
 }
@@ -93,7 +85,7 @@ void CollectorRequest::taskCompletedWith(const std::optional<std::string>& data,
                                          const std::string& activityType,
                                          const std::optional<HttpResponse>& /*response*/,
                                          const std::optional<HttpError>& error) {
-  utils_->stopTimerForCollectorRequest();
+  services_.utils->stopTimerForCollectorRequest();
   if (error) {
     log(fmt::format("CollectorRequest received error: {}", error->localizedDescription),
         LogLevel::Warning);
@@ -101,8 +93,8 @@ void CollectorRequest::taskCompletedWith(const std::optional<std::string>& data,
     return;
   }
   std::string parseError;
-  auto response = CollectorResponse::initWithCollectorResponse(QSUtils::dictionaryFromData(data),
-                                                               platform_.clock->now(), &parseError);
+  auto response = CollectorResponse::initWithCollectorResponse(
+      QSUtils::dictionaryFromData(data), services_.platform.clock->now(), &parseError);
   if (!response) {
     // A malformed command stops the parse; nothing of it is used and the
     // exchange counts as failed.
@@ -116,8 +108,8 @@ void CollectorRequest::taskCompletedWith(const std::optional<std::string>& data,
 void CollectorRequest::handleCollectorResponse(const CollectorResponse& response,
                                                const std::string& /*activityType*/) {
   log("handleCollectorResponse <--");
-  if (response.sid()) storage_->saveSid(response.sid());
-  if (response.vid()) storage_->saveVid(response.vid());
+  if (response.sid()) services_.storage->saveSid(response.sid());
+  if (response.vid()) services_.storage->saveVid(response.vid());
 
   if (response.challenge()) {
     log("handleCollectorResponse --> handleChallenge");
@@ -126,9 +118,9 @@ void CollectorRequest::handleCollectorResponse(const CollectorResponse& response
   }
   auto manager = manager_.lock();
   if (!manager) return;
-  if (response.cookie() && utils_->shouldSaveNewCookie(*response.cookie())) {
+  if (response.cookie() && services_.utils->shouldSaveNewCookie(*response.cookie())) {
     log("handleCollectorResponse --> received new cookie");
-    storage_->saveCookie(response.cookie());
+    services_.storage->saveCookie(response.cookie());
     manager->managerHelper().setTimerForTokenRenew(*response.cookie());
     notifyDelegateOnNewHeaders();
     return;
@@ -165,7 +157,7 @@ void CollectorRequest::notifyDelegateOnNewHeaders() {
   // other threads (or a restart from inside the callback) cannot announce
   // readiness a second time.
   const bool ready = didNotifyDelegateOnManagerReady_.exchange(true);
-  if (!ready) utils_->stopTimerForManagerStart();
+  if (!ready) services_.utils->stopTimerForManagerStart();
   if (!delegate) return;
   // An exception from the host's own callback must not unwind the network thread.
   try {

@@ -6,15 +6,11 @@
 #include <optional>
 #include <string>
 
-#include "activity/QSUUID.h"
-#include "activity/QSUtils.h"
 #include "collector/CollectorResponse.h"
 #include "collector/QSChallenge.h"
-#include "collector/QSStorage.h"
-#include "network/QSNetworkManager.h"
+#include "collector/SharedServices.h"
 #include "network/QSPostOperation.h"
 #include "quarrystone/Value.h"
-#include "quarrystone/platform/Platform.h"
 
 namespace qs {
 
@@ -35,9 +31,7 @@ class CollectorRequestDelegate {
 class CollectorRequest : public QSPostOperationDelegate,
                          public std::enable_shared_from_this<CollectorRequest> {
  public:
-  CollectorRequest(std::weak_ptr<QSManager> manager, Platform platform,
-                   std::shared_ptr<QSStorage> storage, std::shared_ptr<QSUtils> utils,
-                   std::shared_ptr<QSUUID> uuid, std::shared_ptr<QSNetworkManager> network);
+  CollectorRequest(std::weak_ptr<QSManager> manager, SharedServices services);
 
   void setDelegate(std::weak_ptr<CollectorRequestDelegate> delegate);
   bool didNotifyDelegateOnManagerReady() const { return didNotifyDelegateOnManagerReady_.load(); }
@@ -72,15 +66,11 @@ class CollectorRequest : public QSPostOperationDelegate,
 
  private:
   void log(const std::string& line, LogLevel level = LogLevel::Debug) const {
-    platform_.log->write(level, line);
+    services_.platform.log->write(level, line);
   }
 
   const std::weak_ptr<QSManager> manager_;
-  const Platform platform_;
-  const std::shared_ptr<QSStorage> storage_;
-  const std::shared_ptr<QSUtils> utils_;
-  const std::shared_ptr<QSUUID> uuid_;
-  const std::shared_ptr<QSNetworkManager> network_;
+  const SharedServices services_;
   std::weak_ptr<CollectorRequestDelegate> delegate_;  // set once, before any exchange
   std::atomic<bool> didNotifyDelegateOnManagerReady_{false};
   std::atomic<std::uint64_t> droppedActivities_{0};

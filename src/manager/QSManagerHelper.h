@@ -10,6 +10,7 @@
 #include "activity/AppActivity.h"
 #include "base/QSCookie.h"
 #include "collector/CollectorRequest.h"
+#include "collector/SharedServices.h"
 #include "manager/QSReachability.h"
 #include "network/QSGetOperation.h"
 #include "quarrystone/platform/Platform.h"
@@ -30,11 +31,7 @@ class QSManagerHelper : public CollectorRequestDelegate,
   // Builds the orchestrator with its collector exchange, starts watching
   // reachability and observes the will-enter-foreground notification.
   static std::shared_ptr<QSManagerHelper> create(std::weak_ptr<QSManager> manager,
-                                                 const Platform& platform,
-                                                 std::shared_ptr<QSStorage> storage,
-                                                 std::shared_ptr<QSUtils> utils,
-                                                 std::shared_ptr<QSUUID> uuid,
-                                                 std::shared_ptr<QSNetworkManager> network);
+                                                 const SharedServices& services);
   ~QSManagerHelper() override;
 
   bool hasNetwork() const { return hasNetwork_.load(); }
@@ -67,21 +64,15 @@ class QSManagerHelper : public CollectorRequestDelegate,
                          const std::optional<HttpError>& error) override;
 
  private:
-  QSManagerHelper(std::weak_ptr<QSManager> manager, Platform platform,
-                  std::shared_ptr<QSStorage> storage, std::shared_ptr<QSUtils> utils,
-                  std::shared_ptr<QSUUID> uuid, std::shared_ptr<QSNetworkManager> network);
+  QSManagerHelper(std::weak_ptr<QSManager> manager, SharedServices services);
   void scheduleTimer(double seconds, void (QSManagerHelper::*target)());
   std::string appId() const;
   void log(const std::string& line, LogLevel level = LogLevel::Debug) const {
-    platform_.log->write(level, line);
+    services_.platform.log->write(level, line);
   }
 
   const std::weak_ptr<QSManager> manager_;
-  const Platform platform_;
-  const std::shared_ptr<QSStorage> storage_;
-  const std::shared_ptr<QSUtils> utils_;
-  const std::shared_ptr<QSUUID> uuid_;
-  const std::shared_ptr<QSNetworkManager> network_;
+  const SharedServices services_;
   std::shared_ptr<CollectorRequest> collectorRequest_;
   std::unique_ptr<QSReachability> reachability_;
   std::atomic<bool> hasNetwork_{false};
