@@ -5,16 +5,16 @@
 #include <fmt/format.h>
 
 #include "crypto/SHA256_CBC.h"
-#include "manager/QSManagerHelper.h"
 #include "quarrystone/Constants.h"
 #include "quarrystone/QSFieldsMapping.h"
-#include "quarrystone/QSManager.h"
+#include "quarrystone/QSManagerDelegate.h"
 
 namespace qs {
 
 const char* const QS_JS_CLIENT_TAG = "v2.51";
 
-CollectorRequest::CollectorRequest(std::weak_ptr<QSManager> manager, SharedServices services)
+CollectorRequest::CollectorRequest(std::weak_ptr<const ManagerView> manager,
+                                   SharedServices services)
     : manager_(std::move(manager)), services_(std::move(services)) {}
 
 void CollectorRequest::setDelegate(std::weak_ptr<CollectorRequestDelegate> delegate) {
@@ -116,17 +116,17 @@ void CollectorRequest::handleCollectorResponse(const CollectorResponse& response
     if (auto delegate = delegate_.lock()) delegate->handleChallenge(*response.challenge());
     return;
   }
-  auto manager = manager_.lock();
-  if (!manager) return;
+  if (manager_.expired()) return;  // the manager is gone: arm nothing, tell no one
+  auto delegate = delegate_.lock();
   if (response.cookie() && services_.utils->shouldSaveNewCookie(*response.cookie())) {
     log("handleCollectorResponse --> received new cookie");
     services_.storage->saveCookie(response.cookie());
-    manager->managerHelper().setTimerForTokenRenew(*response.cookie());
+    if (delegate) delegate->setTimerForTokenRenew(*response.cookie());
     notifyDelegateOnNewHeaders();
     return;
   }
   if (!didNotifyDelegateOnManagerReady_.load()) {
-    manager->managerHelper().setTimerForAppInitActivity();
+    if (delegate) delegate->setTimerForAppInitActivity();
     notifyDelegateOnNewHeaders();
   }
 }
@@ -138,13 +138,13 @@ void CollectorRequest::handleCollectorError(const std::string& activityType) {
 }
 
 void CollectorRequest::setTimerForRetryOnError(const std::string& activityType) {
-  auto manager = manager_.lock();
-  if (!manager) return;
-  QSManagerHelper& helper = manager->managerHelper();
+  if (manager_.expired()) return;
+  auto delegate = delegate_.lock();
+  if (!delegate) return;
   if (activityType == QSFM_APP_INIT || activityType == QSFM_APP_CHALLENGE) {
-    helper.setTimerForAppInitActivity();
+    delegate->setTimerForAppInitActivity();
   } else if (activityType == QSFM_APP_IDLE) {
-    helper.setTimerForAppIdleActivity(60.0);
+    delegate->setTimerForAppIdleActivity(60.0);
   }
 }
 
@@ -152,19 +152,19 @@ void CollectorRequest::notifyDelegateOnNewHeaders() {
   auto manager = manager_.lock();
   if (!manager) return;
   const HeaderMap headers = manager->httpHeaders();
-  auto delegate = manager->delegate();
+  auto host = manager->delegate();
   // The flag flips before the host is called, so that completions racing on
   // other threads (or a restart from inside the callback) cannot announce
   // readiness a second time.
   const bool ready = didNotifyDelegateOnManagerReady_.exchange(true);
   if (!ready) services_.utils->stopTimerForManagerStart();
-  if (!delegate) return;
+  if (!host) return;
   // An exception from the host's own callback must not unwind the network thread.
   try {
     if (ready) {
-      delegate->newHeaders(headers);
+      host->newHeaders(headers);
     } else {
-      delegate->managerReady(headers);
+      host->managerReady(headers);
     }
   } catch (const std::exception& e) {
     log(fmt::format("QSManagerDelegate callback threw: {}", e.what()), LogLevel::Error);

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "base/QSCookie.h"
 #include "collector/CollectorResponse.h"
 #include "collector/QSChallenge.h"
 #include "collector/SharedServices.h"
@@ -14,24 +15,45 @@
 
 namespace qs {
 
-class QSManager;
+class QSManagerDelegate;
 
-// Answers a collector challenge; implemented by the orchestrator.
+// What the exchange reads from the manager it serves; implemented over
+// QSManager. Read-only, and safe to call from any thread.
+class ManagerView {
+ public:
+  virtual ~ManagerView() = default;
+  virtual std::string appId() const = 0;
+  virtual std::string collectorUrl() const = 0;
+  // The headers the host attaches to its own requests.
+  virtual HeaderMap httpHeaders() const = 0;
+  // The host's delegate; null when none is set or it is gone.
+  virtual std::shared_ptr<QSManagerDelegate> delegate() const = 0;
+};
+
+// What the exchange asks of the orchestrator: answer a challenge, and arm
+// the single pending timer after an answer or a failure. Implemented by
+// QSManagerHelper; called on the HTTP client's callback thread.
 class CollectorRequestDelegate {
  public:
   virtual ~CollectorRequestDelegate() = default;
   virtual void handleChallenge(const QSChallenge& challenge) = 0;
+  // An idle activity at the cookie's fire date (at once if passed).
+  virtual void setTimerForTokenRenew(const QSCookie& cookie) = 0;
+  virtual void setTimerForAppIdleActivity(double seconds) = 0;
+  // A new-session activity in 60 seconds.
+  virtual void setTimerForAppInitActivity() = 0;
 };
 
 // One exchange with the collector at a time per call: encodes an activity,
 // posts it, applies the answer's commands, arms the next timer and tells the
 // host. Sending runs on the caller's thread; completions on the HTTP client's
 // callback thread, where overlapping completions may interleave. The
-// manager and the delegate are held weakly.
+// manager view and the delegate are held weakly; once the view is gone, an
+// answer still in flight arms no timer and tells no one.
 class CollectorRequest : public QSPostOperationDelegate,
                          public std::enable_shared_from_this<CollectorRequest> {
  public:
-  CollectorRequest(std::weak_ptr<QSManager> manager, SharedServices services);
+  CollectorRequest(std::weak_ptr<const ManagerView> manager, SharedServices services);
 
   void setDelegate(std::weak_ptr<CollectorRequestDelegate> delegate);
   bool didNotifyDelegateOnManagerReady() const { return didNotifyDelegateOnManagerReady_.load(); }
@@ -69,7 +91,7 @@ class CollectorRequest : public QSPostOperationDelegate,
     services_.platform.log->write(level, line);
   }
 
-  const std::weak_ptr<QSManager> manager_;
+  const std::weak_ptr<const ManagerView> manager_;
   const SharedServices services_;
   std::weak_ptr<CollectorRequestDelegate> delegate_;  // set once, before any exchange
   std::atomic<bool> didNotifyDelegateOnManagerReady_{false};

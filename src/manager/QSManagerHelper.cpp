@@ -15,13 +15,38 @@ const char* const kDefaultLogEntriesUrlFormat =
     "https://collector-%@.quarrystone.net/api/v1/collector/clientError?r=%@";
 const char* const QS_LOG_ENTRIES_URL = "";
 
+namespace {
+
+// The manager as the collector exchange reads it.
+class QSManagerView final : public ManagerView {
+ public:
+  explicit QSManagerView(const QSManager& manager) : manager_(manager) {}
+  std::string appId() const override { return manager_.appId(); }
+  std::string collectorUrl() const override { return manager_.collectorUrl(); }
+  HeaderMap httpHeaders() const override { return manager_.httpHeaders(); }
+  std::shared_ptr<QSManagerDelegate> delegate() const override { return manager_.delegate(); }
+
+ private:
+  const QSManager& manager_;  // weak: reached only while the manager is alive (see create)
+};
+
+}  // namespace
+
 QSManagerHelper::QSManagerHelper(std::weak_ptr<QSManager> manager, SharedServices services)
     : manager_(std::move(manager)), services_(std::move(services)) {}
 
 std::shared_ptr<QSManagerHelper> QSManagerHelper::create(std::weak_ptr<QSManager> manager,
                                                          const SharedServices& services) {
   std::shared_ptr<QSManagerHelper> helper(new QSManagerHelper(manager, services));
-  helper->collectorRequest_ = std::make_shared<CollectorRequest>(manager, services);
+  // The exchange holds its view weakly, through a pointer that shares the
+  // manager's ownership: it expires with the manager, and while it locks, the
+  // manager, and with it this helper and the view it keeps, are alive.
+  std::weak_ptr<const ManagerView> view;
+  if (auto owner = manager.lock()) {
+    helper->managerView_ = std::make_unique<QSManagerView>(*owner);
+    view = std::shared_ptr<const ManagerView>(std::move(owner), helper->managerView_.get());
+  }
+  helper->collectorRequest_ = std::make_shared<CollectorRequest>(view, services);
   helper->collectorRequest_->setDelegate(helper);
   helper->setUpRechability();
   std::weak_ptr<QSManagerHelper> weak = helper;

@@ -48,9 +48,9 @@ class QSManagerHelper : public CollectorRequestDelegate,
   void handleChallenge(const QSChallenge& challenge) override;
 
   // Renewal: an idle activity at the cookie's fire date (at once if passed).
-  void setTimerForTokenRenew(const QSCookie& cookie);
-  void setTimerForAppIdleActivity(double seconds);
-  void setTimerForAppInitActivity();
+  void setTimerForTokenRenew(const QSCookie& cookie) override;
+  void setTimerForAppIdleActivity(double seconds) override;
+  void setTimerForAppInitActivity() override;
   void resetTimer();
 
   // Client error reports: a fire-and-forget GET to the collector host.
@@ -73,6 +73,7 @@ class QSManagerHelper : public CollectorRequestDelegate,
 
   const std::weak_ptr<QSManager> manager_;
   const SharedServices services_;
+  std::unique_ptr<const ManagerView> managerView_;  // the exchange's view of manager_
   std::shared_ptr<CollectorRequest> collectorRequest_;
   std::unique_ptr<QSReachability> reachability_;
   std::atomic<bool> hasNetwork_{false};
