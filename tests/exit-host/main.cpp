@@ -69,7 +69,7 @@ class WatchingLog final : public qs::Log {
   WatchingLog(std::shared_ptr<Moment> moment, qs::DeploymentSettings settings, bool slowAnswer)
       : moment_(std::move(moment)), settings_(std::move(settings)), slowAnswer_(slowAnswer) {}
 
-  void write(std::string_view line) override {
+  void write(qs::LogLevel /*level*/, std::string_view line) override {
     std::fprintf(stderr, "qs: %.*s\n", static_cast<int>(line.size()), line.data());
     if (line != "handleCollectorResponse --> handleChallenge") return;
     if (slowAnswer_ && !makeSandboxSlow(settings_))
