@@ -305,6 +305,7 @@ std::unique_ptr<Run> startLibrary(const Sandbox& sandbox, const Options& o,
   qs::LinuxPlatformOptions platformOptions;
   platformOptions.bundle = qs::BundleInfo{"1.0", "qs-soak", "org.quarrystone.soak", {"en"}};
   platformOptions.log = run->log;
+  platformOptions.logLevel = qs::LogLevel::Debug;  // the counts are read from trace lines
   run->manager = qs::QSManager::create(qs::makeLinuxPlatform(settings, platformOptions), settings);
   run->manager->setDelegate(run->delegate);
   return run;
