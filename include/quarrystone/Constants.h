@@ -4,6 +4,10 @@
 
 namespace qs {
 
+// Each is defined beside the class it belongs to: the version with the
+// version record, cookie names with the cookie, command names with the
+// response parser, content types with the network operations.
+
 // Version of this release, sent in every app activity and error report.
 QS_EXPORT extern const char* const QS_SDK_VERSION;  // "0.4.0"
 // Client tag sent in every collector request body.

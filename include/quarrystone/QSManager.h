@@ -10,6 +10,7 @@
 #include "quarrystone/DeploymentSettings.h"
 #include "quarrystone/Export.h"
 #include "quarrystone/QSBlockResponse.h"
+#include "quarrystone/QSManagerDelegate.h"
 #include "quarrystone/QSWebViewDelegate.h"
 #include "quarrystone/URLRequest.h"
 #include "quarrystone/Value.h"
@@ -22,18 +23,6 @@ class QSStorage;
 class QSUtils;
 class QSUUID;
 class QSNetworkManager;
-
-// Implemented by the host. Both calls arrive on the thread that processed the
-// collector's answer (not necessarily the main thread): hop to your UI thread
-// yourself.
-class QS_EXPORT QSManagerDelegate {
- public:
-  virtual ~QSManagerDelegate() = default;
-  // Once per process: the first time the headers are known.
-  virtual void managerReady(const HeaderMap& headers) = 0;
-  // Every later time a new risk cookie changes the headers.
-  virtual void newHeaders(const HeaderMap& headers) = 0;
-};
 
 // Thrown by startWith() when no delegate is set. The only exception the
 // library ever lets reach the host.

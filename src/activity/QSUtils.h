@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "collector/QSCookie.h"
+#include "base/QSCookie.h"
 #include "collector/QSStorage.h"
 #include "quarrystone/Value.h"
 #include "quarrystone/platform/Platform.h"

@@ -1,6 +1,6 @@
 #include "block/QSWebViewController.h"
 
-#include "network/PercentEncoding.h"
+#include "base/PercentEncoding.h"
 
 #include <cstdint>
 #include <limits>

@@ -5,23 +5,17 @@
 #include <fmt/format.h>
 
 #include "crypto/SHA256_CBC.h"
-#include "manager/QSManagerHelper.h"
 #include "quarrystone/Constants.h"
 #include "quarrystone/QSFieldsMapping.h"
-#include "quarrystone/QSManager.h"
+#include "quarrystone/QSManagerDelegate.h"
 
 namespace qs {
 
-CollectorRequest::CollectorRequest(std::weak_ptr<QSManager> manager, Platform platform,
-                                   std::shared_ptr<QSStorage> storage,
-                                   std::shared_ptr<QSUtils> utils, std::shared_ptr<QSUUID> uuid,
-                                   std::shared_ptr<QSNetworkManager> network)
-    : manager_(std::move(manager)),
-      platform_(std::move(platform)),
-      storage_(std::move(storage)),
-      utils_(std::move(utils)),
-      uuid_(std::move(uuid)),
-      network_(std::move(network)) {}
+const char* const QS_JS_CLIENT_TAG = "v2.51";
+
+CollectorRequest::CollectorRequest(std::weak_ptr<const ManagerView> manager,
+                                   SharedServices services)
+    : manager_(std::move(manager)), services_(std::move(services)) {}
 
 void CollectorRequest::setDelegate(std::weak_ptr<CollectorRequestDelegate> delegate) {
   delegate_ = std::move(delegate);
@@ -38,12 +32,12 @@ void CollectorRequest::sendRequestToServer(const Value& activity) {
   const std::string payload = payloadValueToBase64(activity, appId);
   const std::string form = toFormSubmitPostString(prepareBodyWith(payload, appId));
 
-  auto utils = utils_;
+  auto utils = services_.utils;
   auto operation = std::make_shared<QSPostOperation>(
-      *platform_.http, network_->userAgent(), manager->collectorUrl(), form, type,
+      *services_.platform.http, services_.network->userAgent(), manager->collectorUrl(), form, type,
       [utils] { utils->startTimerForCollectorRequest(); });
   operation->setDelegate(shared_from_this());
-  if (!network_->addNetworkOperation(std::move(operation))) {
+  if (!services_.network->addNetworkOperation(std::move(operation))) {
     const std::uint64_t dropped = droppedActivities_.fetch_add(1) + 1;
     // The first drop since the last report is a warning; the rest of a flood
     // only traces, so a host's log does not flood with it.
@@ -68,12 +62,12 @@ std::string CollectorRequest::payloadValueToBase64(const Value& activity,
 
 Value CollectorRequest::prepareBodyWith(const std::string& payload, const std::string& appId) {
   Value body = Value::object();
-  body["uuid"] = uuid_->UUID();
+  body["uuid"] = services_.uuid->UUID();
   body["tag"] = QS_JS_CLIENT_TAG;
   body["en"] = "1";
   body["payload"] = payload;
-  if (auto sid = storage_->getSid()) body["sid"] = *sid;
-  if (auto vid = storage_->getVid()) body["vid"] = *vid;
+  if (auto sid = services_.storage->getSid()) body["sid"] = *sid;
+  if (auto vid = services_.storage->getVid()) body["vid"] = *vid;
   body["appId"] = appId;
   return body;
 }
@@ -94,7 +88,7 @@ void CollectorRequest::taskCompletedWith(const std::optional<std::string>& data,
                                          const std::string& activityType,
                                          const std::optional<HttpResponse>& /*response*/,
                                          const std::optional<HttpError>& error) {
-  utils_->stopTimerForCollectorRequest();
+  services_.utils->stopTimerForCollectorRequest();
   if (error) {
     log(fmt::format("CollectorRequest received error: {}", error->localizedDescription),
         LogLevel::Warning);
@@ -102,8 +96,8 @@ void CollectorRequest::taskCompletedWith(const std::optional<std::string>& data,
     return;
   }
   std::string parseError;
-  auto response = CollectorResponse::initWithCollectorResponse(QSUtils::dictionaryFromData(data),
-                                                               platform_.clock->now(), &parseError);
+  auto response = CollectorResponse::initWithCollectorResponse(
+      QSUtils::dictionaryFromData(data), services_.platform.clock->now(), &parseError);
   if (!response) {
     // A malformed command stops the parse; nothing of it is used and the
     // exchange counts as failed.
@@ -117,25 +111,25 @@ void CollectorRequest::taskCompletedWith(const std::optional<std::string>& data,
 void CollectorRequest::handleCollectorResponse(const CollectorResponse& response,
                                                const std::string& /*activityType*/) {
   log("handleCollectorResponse <--");
-  if (response.sid()) storage_->saveSid(response.sid());
-  if (response.vid()) storage_->saveVid(response.vid());
+  if (response.sid()) services_.storage->saveSid(response.sid());
+  if (response.vid()) services_.storage->saveVid(response.vid());
 
   if (response.challenge()) {
     log("handleCollectorResponse --> handleChallenge");
     if (auto delegate = delegate_.lock()) delegate->handleChallenge(*response.challenge());
     return;
   }
-  auto manager = manager_.lock();
-  if (!manager) return;
-  if (response.cookie() && utils_->shouldSaveNewCookie(*response.cookie())) {
+  if (manager_.expired()) return;  // the manager is gone: arm nothing, tell no one
+  auto delegate = delegate_.lock();
+  if (response.cookie() && services_.utils->shouldSaveNewCookie(*response.cookie())) {
     log("handleCollectorResponse --> received new cookie");
-    storage_->saveCookie(response.cookie());
-    manager->managerHelper().setTimerForTokenRenew(*response.cookie());
+    services_.storage->saveCookie(response.cookie());
+    if (delegate) delegate->setTimerForTokenRenew(*response.cookie());
     notifyDelegateOnNewHeaders();
     return;
   }
   if (!didNotifyDelegateOnManagerReady_.load()) {
-    manager->managerHelper().setTimerForAppInitActivity();
+    if (delegate) delegate->setTimerForAppInitActivity();
     notifyDelegateOnNewHeaders();
   }
 }
@@ -147,13 +141,13 @@ void CollectorRequest::handleCollectorError(const std::string& activityType) {
 }
 
 void CollectorRequest::setTimerForRetryOnError(const std::string& activityType) {
-  auto manager = manager_.lock();
-  if (!manager) return;
-  QSManagerHelper& helper = manager->managerHelper();
+  if (manager_.expired()) return;
+  auto delegate = delegate_.lock();
+  if (!delegate) return;
   if (activityType == QSFM_APP_INIT || activityType == QSFM_APP_CHALLENGE) {
-    helper.setTimerForAppInitActivity();
+    delegate->setTimerForAppInitActivity();
   } else if (activityType == QSFM_APP_IDLE) {
-    helper.setTimerForAppIdleActivity(60.0);
+    delegate->setTimerForAppIdleActivity(60.0);
   }
 }
 
@@ -161,19 +155,19 @@ void CollectorRequest::notifyDelegateOnNewHeaders() {
   auto manager = manager_.lock();
   if (!manager) return;
   const HeaderMap headers = manager->httpHeaders();
-  auto delegate = manager->delegate();
+  auto host = manager->delegate();
   // The flag flips before the host is called, so that completions racing on
   // other threads (or a restart from inside the callback) cannot announce
   // readiness a second time.
   const bool ready = didNotifyDelegateOnManagerReady_.exchange(true);
-  if (!ready) utils_->stopTimerForManagerStart();
-  if (!delegate) return;
+  if (!ready) services_.utils->stopTimerForManagerStart();
+  if (!host) return;
   // An exception from the host's own callback must not unwind the network thread.
   try {
     if (ready) {
-      delegate->newHeaders(headers);
+      host->newHeaders(headers);
     } else {
-      delegate->managerReady(headers);
+      host->managerReady(headers);
     }
   } catch (const std::exception& e) {
     log(fmt::format("QSManagerDelegate callback threw: {}", e.what()), LogLevel::Error);

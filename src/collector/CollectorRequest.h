@@ -6,38 +6,54 @@
 #include <optional>
 #include <string>
 
-#include "activity/QSUUID.h"
-#include "activity/QSUtils.h"
+#include "base/QSCookie.h"
 #include "collector/CollectorResponse.h"
 #include "collector/QSChallenge.h"
-#include "collector/QSStorage.h"
-#include "network/QSNetworkManager.h"
+#include "collector/SharedServices.h"
 #include "network/QSPostOperation.h"
 #include "quarrystone/Value.h"
-#include "quarrystone/platform/Platform.h"
 
 namespace qs {
 
-class QSManager;
+class QSManagerDelegate;
 
-// Answers a collector challenge; implemented by the orchestrator.
+// What the exchange reads from the manager it serves; implemented over
+// QSManager. Read-only, and safe to call from any thread.
+class ManagerView {
+ public:
+  virtual ~ManagerView() = default;
+  virtual std::string appId() const = 0;
+  virtual std::string collectorUrl() const = 0;
+  // The headers the host attaches to its own requests.
+  virtual HeaderMap httpHeaders() const = 0;
+  // The host's delegate; null when none is set or it is gone.
+  virtual std::shared_ptr<QSManagerDelegate> delegate() const = 0;
+};
+
+// What the exchange asks of the orchestrator: answer a challenge, and arm
+// the single pending timer after an answer or a failure. Implemented by
+// QSManagerHelper; called on the HTTP client's callback thread.
 class CollectorRequestDelegate {
  public:
   virtual ~CollectorRequestDelegate() = default;
   virtual void handleChallenge(const QSChallenge& challenge) = 0;
+  // An idle activity at the cookie's fire date (at once if passed).
+  virtual void setTimerForTokenRenew(const QSCookie& cookie) = 0;
+  virtual void setTimerForAppIdleActivity(double seconds) = 0;
+  // A new-session activity in 60 seconds.
+  virtual void setTimerForAppInitActivity() = 0;
 };
 
 // One exchange with the collector at a time per call: encodes an activity,
 // posts it, applies the answer's commands, arms the next timer and tells the
 // host. Sending runs on the caller's thread; completions on the HTTP client's
 // callback thread, where overlapping completions may interleave. The
-// manager and the delegate are held weakly.
+// manager view and the delegate are held weakly; once the view is gone, an
+// answer still in flight arms no timer and tells no one.
 class CollectorRequest : public QSPostOperationDelegate,
                          public std::enable_shared_from_this<CollectorRequest> {
  public:
-  CollectorRequest(std::weak_ptr<QSManager> manager, Platform platform,
-                   std::shared_ptr<QSStorage> storage, std::shared_ptr<QSUtils> utils,
-                   std::shared_ptr<QSUUID> uuid, std::shared_ptr<QSNetworkManager> network);
+  CollectorRequest(std::weak_ptr<const ManagerView> manager, SharedServices services);
 
   void setDelegate(std::weak_ptr<CollectorRequestDelegate> delegate);
   bool didNotifyDelegateOnManagerReady() const { return didNotifyDelegateOnManagerReady_.load(); }
@@ -72,15 +88,11 @@ class CollectorRequest : public QSPostOperationDelegate,
 
  private:
   void log(const std::string& line, LogLevel level = LogLevel::Debug) const {
-    platform_.log->write(level, line);
+    services_.platform.log->write(level, line);
   }
 
-  const std::weak_ptr<QSManager> manager_;
-  const Platform platform_;
-  const std::shared_ptr<QSStorage> storage_;
-  const std::shared_ptr<QSUtils> utils_;
-  const std::shared_ptr<QSUUID> uuid_;
-  const std::shared_ptr<QSNetworkManager> network_;
+  const std::weak_ptr<const ManagerView> manager_;
+  const SharedServices services_;
   std::weak_ptr<CollectorRequestDelegate> delegate_;  // set once, before any exchange
   std::atomic<bool> didNotifyDelegateOnManagerReady_{false};
   std::atomic<std::uint64_t> droppedActivities_{0};

@@ -9,6 +9,11 @@
 
 namespace qs {
 
+const char* const kSidCommand = "sid";
+const char* const kVidCommand = "vid";
+const char* const kBakeCommand = "bake";
+const char* const kChallengeCommand = "appc";
+
 namespace {
 
 // No command reads past field 5.

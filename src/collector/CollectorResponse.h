@@ -3,8 +3,8 @@
 #include <optional>
 #include <string>
 
+#include "base/QSCookie.h"
 #include "collector/QSChallenge.h"
-#include "collector/QSCookie.h"
 #include "quarrystone/Value.h"
 
 namespace qs {

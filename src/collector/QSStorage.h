@@ -7,7 +7,7 @@
 #include <optional>
 #include <string>
 
-#include "collector/QSCookie.h"
+#include "base/QSCookie.h"
 #include "quarrystone/Value.h"
 #include "quarrystone/platform/KeyValueStore.h"
 #include "quarrystone/platform/KeyedArchiver.h"

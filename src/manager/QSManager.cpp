@@ -85,7 +85,7 @@ void QSManager::init() {
   utils_ = std::make_shared<QSUtils>(platform_, storage_);
   network_ = std::make_shared<QSNetworkManager>(platform_);
   managerHelper_ =
-      QSManagerHelper::create(weak_from_this(), platform_, storage_, utils_, uuid_, network_);
+      QSManagerHelper::create(weak_from_this(), {platform_, storage_, utils_, uuid_, network_});
 }
 
 QSManager::~QSManager() = default;

@@ -4,35 +4,53 @@
 #include <fmt/printf.h>
 
 #include "activity/ChallengeActivity.h"
-#include "network/PercentEncoding.h"
+#include "base/PercentEncoding.h"
 #include "quarrystone/Constants.h"
 #include "quarrystone/QSManager.h"
 
 namespace qs {
 
-QSManagerHelper::QSManagerHelper(std::weak_ptr<QSManager> manager, Platform platform,
-                                 std::shared_ptr<QSStorage> storage, std::shared_ptr<QSUtils> utils,
-                                 std::shared_ptr<QSUUID> uuid,
-                                 std::shared_ptr<QSNetworkManager> network)
-    : manager_(std::move(manager)),
-      platform_(std::move(platform)),
-      storage_(std::move(storage)),
-      utils_(std::move(utils)),
-      uuid_(std::move(uuid)),
-      network_(std::move(network)) {}
+// The default deployment's client-error endpoint: app id, then the record.
+const char* const kDefaultLogEntriesUrlFormat =
+    "https://collector-%@.quarrystone.net/api/v1/collector/clientError?r=%@";
+const char* const QS_LOG_ENTRIES_URL = "";
 
-std::shared_ptr<QSManagerHelper> QSManagerHelper::create(
-    std::weak_ptr<QSManager> manager, const Platform& platform, std::shared_ptr<QSStorage> storage,
-    std::shared_ptr<QSUtils> utils, std::shared_ptr<QSUUID> uuid,
-    std::shared_ptr<QSNetworkManager> network) {
-  std::shared_ptr<QSManagerHelper> helper(
-      new QSManagerHelper(manager, platform, storage, utils, uuid, network));
-  helper->collectorRequest_ =
-      std::make_shared<CollectorRequest>(manager, platform, storage, utils, uuid, network);
+namespace {
+
+// The manager as the collector exchange reads it.
+class QSManagerView final : public ManagerView {
+ public:
+  explicit QSManagerView(const QSManager& manager) : manager_(manager) {}
+  std::string appId() const override { return manager_.appId(); }
+  std::string collectorUrl() const override { return manager_.collectorUrl(); }
+  HeaderMap httpHeaders() const override { return manager_.httpHeaders(); }
+  std::shared_ptr<QSManagerDelegate> delegate() const override { return manager_.delegate(); }
+
+ private:
+  const QSManager& manager_;  // weak: reached only while the manager is alive (see create)
+};
+
+}  // namespace
+
+QSManagerHelper::QSManagerHelper(std::weak_ptr<QSManager> manager, SharedServices services)
+    : manager_(std::move(manager)), services_(std::move(services)) {}
+
+std::shared_ptr<QSManagerHelper> QSManagerHelper::create(std::weak_ptr<QSManager> manager,
+                                                         const SharedServices& services) {
+  std::shared_ptr<QSManagerHelper> helper(new QSManagerHelper(manager, services));
+  // The exchange holds its view weakly, through a pointer that shares the
+  // manager's ownership: it expires with the manager, and while it locks, the
+  // manager, and with it this helper and the view it keeps, are alive.
+  std::weak_ptr<const ManagerView> view;
+  if (auto owner = manager.lock()) {
+    helper->managerView_ = std::make_unique<QSManagerView>(*owner);
+    view = std::shared_ptr<const ManagerView>(std::move(owner), helper->managerView_.get());
+  }
+  helper->collectorRequest_ = std::make_shared<CollectorRequest>(view, services);
   helper->collectorRequest_->setDelegate(helper);
   helper->setUpRechability();
   std::weak_ptr<QSManagerHelper> weak = helper;
-  helper->foregroundObserver_ = platform.notifications->addObserver(
+  helper->foregroundObserver_ = services.platform.notifications->addObserver(
       kApplicationWillEnterForegroundNotification, [weak](const Notification&) {
         if (auto self = weak.lock()) self->handleBGtoFG();
       });
@@ -40,8 +58,8 @@ std::shared_ptr<QSManagerHelper> QSManagerHelper::create(
 }
 
 QSManagerHelper::~QSManagerHelper() {
-  platform_.notifications->removeObserver(foregroundObserver_);
-  platform_.notifications->removeObserver(reachabilityObserver_);
+  services_.platform.notifications->removeObserver(foregroundObserver_);
+  services_.platform.notifications->removeObserver(reachabilityObserver_);
   resetTimer();
 }
 
@@ -52,11 +70,11 @@ std::shared_ptr<Timer> QSManagerHelper::timer() const {
 
 void QSManagerHelper::setUpRechability() {
   std::weak_ptr<QSManagerHelper> weak = weak_from_this();
-  reachabilityObserver_ = platform_.notifications->addObserver(
+  reachabilityObserver_ = services_.platform.notifications->addObserver(
       kQSReachabilityChangedNotification, [weak](const Notification& notification) {
         if (auto self = weak.lock()) self->handleNetworkChange(notification);
       });
-  reachability_ = QSReachability::reachabilityForInternetConnection(platform_);
+  reachability_ = QSReachability::reachabilityForInternetConnection(services_.platform);
   if (reachability_) reachability_->startNotifier();
   hasNetwork_.store(reachability_ && reachability_->currentReachabilityStatus() != 0);
   log(fmt::format("setUpRechability - hasNetwork: {}", hasNetwork_.load() ? "true" : "false"));
@@ -69,7 +87,7 @@ void QSManagerHelper::handleNetworkChange(const Notification& /*notification*/) 
 }
 
 void QSManagerHelper::sendAppActivity(QSAppState state) {
-  AppActivity builder(platform_, *storage_, *utils_, *uuid_);
+  AppActivity builder(services_.platform, *services_.storage, *services_.utils, *services_.uuid);
   collectorRequest_->sendRequestToServer(builder.collectActivityData(state));
 }
 
@@ -83,13 +101,14 @@ void QSManagerHelper::sendNewSessionActivity() { sendAppActivity(QSAppStateNewSe
 void QSManagerHelper::sendAppIdleActivity() { sendAppActivity(QSAppStateIdle); }
 
 void QSManagerHelper::handleChallenge(const QSChallenge& challenge) {
-  ChallengeActivity builder(platform_, *storage_, *utils_, *uuid_);
+  ChallengeActivity builder(services_.platform, *services_.storage, *services_.utils,
+                            *services_.uuid);
   collectorRequest_->sendRequestToServer(builder.prepareActivityData(challenge));
 }
 
 void QSManagerHelper::setTimerForTokenRenew(const QSCookie& cookie) {
   log("--> setTimerForTokenRenew");
-  setTimerForAppIdleActivity(cookie.ttlFireDate() - platform_.clock->now());
+  setTimerForAppIdleActivity(cookie.ttlFireDate() - services_.platform.clock->now());
 }
 
 void QSManagerHelper::setTimerForAppIdleActivity(double seconds) {
@@ -113,10 +132,10 @@ void QSManagerHelper::setTimerForAppInitActivity() {
 // only the later one stays referenced.
 void QSManagerHelper::scheduleTimer(double seconds, void (QSManagerHelper::*target)()) {
   std::weak_ptr<QSManagerHelper> weak = weak_from_this();
-  platform_.mainLoop->dispatchAsync([weak, seconds, target] {
+  services_.platform.mainLoop->dispatchAsync([weak, seconds, target] {
     auto self = weak.lock();
     if (!self) return;
-    auto timer = self->platform_.mainLoop->scheduleTimer(seconds, [weak, target] {
+    auto timer = self->services_.platform.mainLoop->scheduleTimer(seconds, [weak, target] {
       if (auto helper = weak.lock()) ((*helper).*target)();
     });
     std::lock_guard lock(self->timerMutex_);
@@ -142,7 +161,7 @@ std::optional<std::string> QSManagerHelper::prepareErrorData(const std::string& 
                                                              std::uint64_t droppedActivities) {
   Value record = Value::object();
   record["message"] = message;
-  record["tag"] = network_->userAgent();
+  record["tag"] = services_.network->userAgent();
   record["appId"] = appId();
   record["sdk_version"] = QS_SDK_VERSION;
   if (droppedActivities > 0) record["dropped_activities"] = droppedActivities;
@@ -162,11 +181,11 @@ void QSManagerHelper::reportError(const std::string& message) {
   const std::uint64_t dropped = collectorRequest_->takeDroppedActivities();
   auto json = prepareErrorData(message, dropped);
   const std::string encoded = json ? percentEncodeHostAllowed(*json) : "(null)";
-  auto operation = std::make_shared<QSGetOperation>(*platform_.http, network_->userAgent(),
-                                                    manager->settings().clientErrorUrl(id, encoded),
-                                                    std::nullopt, std::nullopt);
+  auto operation = std::make_shared<QSGetOperation>(
+      *services_.platform.http, services_.network->userAgent(),
+      manager->settings().clientErrorUrl(id, encoded), std::nullopt, std::nullopt);
   operation->setDelegate(shared_from_this());
-  if (!network_->addNetworkOperation(std::move(operation))) {
+  if (!services_.network->addNetworkOperation(std::move(operation))) {
     collectorRequest_->restoreDroppedActivities(dropped);
     log(fmt::format("LogEntries - {} requests pending, report dropped",
                     QSNetworkManager::kMaxPendingOperations),

@@ -8,8 +8,9 @@
 #include <string>
 
 #include "activity/AppActivity.h"
+#include "base/QSCookie.h"
 #include "collector/CollectorRequest.h"
-#include "collector/QSCookie.h"
+#include "collector/SharedServices.h"
 #include "manager/QSReachability.h"
 #include "network/QSGetOperation.h"
 #include "quarrystone/platform/Platform.h"
@@ -30,11 +31,7 @@ class QSManagerHelper : public CollectorRequestDelegate,
   // Builds the orchestrator with its collector exchange, starts watching
   // reachability and observes the will-enter-foreground notification.
   static std::shared_ptr<QSManagerHelper> create(std::weak_ptr<QSManager> manager,
-                                                 const Platform& platform,
-                                                 std::shared_ptr<QSStorage> storage,
-                                                 std::shared_ptr<QSUtils> utils,
-                                                 std::shared_ptr<QSUUID> uuid,
-                                                 std::shared_ptr<QSNetworkManager> network);
+                                                 const SharedServices& services);
   ~QSManagerHelper() override;
 
   bool hasNetwork() const { return hasNetwork_.load(); }
@@ -51,9 +48,9 @@ class QSManagerHelper : public CollectorRequestDelegate,
   void handleChallenge(const QSChallenge& challenge) override;
 
   // Renewal: an idle activity at the cookie's fire date (at once if passed).
-  void setTimerForTokenRenew(const QSCookie& cookie);
-  void setTimerForAppIdleActivity(double seconds);
-  void setTimerForAppInitActivity();
+  void setTimerForTokenRenew(const QSCookie& cookie) override;
+  void setTimerForAppIdleActivity(double seconds) override;
+  void setTimerForAppInitActivity() override;
   void resetTimer();
 
   // Client error reports: a fire-and-forget GET to the collector host.
@@ -67,21 +64,16 @@ class QSManagerHelper : public CollectorRequestDelegate,
                          const std::optional<HttpError>& error) override;
 
  private:
-  QSManagerHelper(std::weak_ptr<QSManager> manager, Platform platform,
-                  std::shared_ptr<QSStorage> storage, std::shared_ptr<QSUtils> utils,
-                  std::shared_ptr<QSUUID> uuid, std::shared_ptr<QSNetworkManager> network);
+  QSManagerHelper(std::weak_ptr<QSManager> manager, SharedServices services);
   void scheduleTimer(double seconds, void (QSManagerHelper::*target)());
   std::string appId() const;
   void log(const std::string& line, LogLevel level = LogLevel::Debug) const {
-    platform_.log->write(level, line);
+    services_.platform.log->write(level, line);
   }
 
   const std::weak_ptr<QSManager> manager_;
-  const Platform platform_;
-  const std::shared_ptr<QSStorage> storage_;
-  const std::shared_ptr<QSUtils> utils_;
-  const std::shared_ptr<QSUUID> uuid_;
-  const std::shared_ptr<QSNetworkManager> network_;
+  const SharedServices services_;
+  std::unique_ptr<const ManagerView> managerView_;  // the exchange's view of manager_
   std::shared_ptr<CollectorRequest> collectorRequest_;
   std::unique_ptr<QSReachability> reachability_;
   std::atomic<bool> hasNetwork_{false};

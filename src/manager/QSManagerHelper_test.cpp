@@ -1,6 +1,6 @@
 #include "manager/QSManagerHelper.h"
 
-#include "network/PercentEncoding.h"
+#include "base/PercentEncoding.h"
 
 #include "CoreFixture.h"
 #include "quarrystone/Constants.h"

@@ -6,6 +6,8 @@
 
 namespace qs {
 
+const char* const kQSReachabilityChangedNotification = "kQSReachabilityChangedNotification";
+
 QSReachability::QSReachability(Platform platform, std::unique_ptr<ReachabilityTarget> target)
     : platform_(std::move(platform)), target_(std::move(target)) {}
 

@@ -6,6 +6,9 @@
 
 namespace qs {
 
+const char* const kFormSubmitContentType = "application/x-www-form-urlencoded; charset=utf-8";
+const char* const kJsonContentType = "application/json";
+
 QSPostOperation::QSPostOperation(HttpClient& http, std::string userAgent, std::string requestURL,
                                  std::optional<std::string> postData, std::string activityType,
                                  std::function<void()> onTaskStart)

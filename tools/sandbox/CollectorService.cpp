@@ -6,8 +6,8 @@
 #include <string>
 
 #include "SandboxCodec.h"
+#include "base/PercentEncoding.h"
 #include "crypto/SHA256_CBC.h"
-#include "network/PercentEncoding.h"
 
 namespace qs::sandbox {
 

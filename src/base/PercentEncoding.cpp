@@ -1,4 +1,4 @@
-#include "network/PercentEncoding.h"
+#include "base/PercentEncoding.h"
 
 namespace qs {
 

@@ -1,4 +1,4 @@
-#include "collector/QSCookie.h"
+#include "base/QSCookie.h"
 
 #include <cctype>
 #include <cmath>
@@ -11,6 +11,10 @@
 #include "quarrystone/Constants.h"
 
 namespace qs {
+
+const char* const QS_COOKIE_LEVEL_1 = "_qs";
+const char* const QS_COOKIE_LEVEL_2 = "_qs2";
+const char* const QS_COOKIE_LEVEL_3 = "_qs3";
 
 namespace {
 

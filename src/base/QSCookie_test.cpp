@@ -1,4 +1,4 @@
-#include "collector/QSCookie.h"
+#include "base/QSCookie.h"
 
 #include <gtest/gtest.h>
 
