@@ -4,7 +4,7 @@
 
 #include <fmt/format.h>
 
-#include "quarrystone/LinuxPlatform.h"
+#include "quarrystone/PortableServices.h"
 
 namespace qs::fake {
 
