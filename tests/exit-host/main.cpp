@@ -69,7 +69,8 @@ class WatchingLog final : public qs::Log {
   WatchingLog(std::shared_ptr<Moment> moment, qs::DeploymentSettings settings, bool slowAnswer)
       : moment_(std::move(moment)), settings_(std::move(settings)), slowAnswer_(slowAnswer) {}
 
-  void write(std::string_view line) override {
+  using qs::Log::write;
+  void write(qs::LogLevel, std::string_view line) override {
     std::fprintf(stderr, "qs: %.*s\n", static_cast<int>(line.size()), line.data());
     if (line != "handleCollectorResponse --> handleChallenge") return;
     if (slowAnswer_ && !makeSandboxSlow(settings_))

@@ -182,7 +182,8 @@ class Sampler {
 // Counts the log lines that tell how exchanges ended; keeps none of them.
 class CountingLog final : public qs::Log {
  public:
-  void write(std::string_view line) override {
+  using qs::Log::write;
+  void write(qs::LogLevel, std::string_view line) override {
     if (line.rfind("handleCollectorResponse <--", 0) == 0) {
       answered.fetch_add(1);
     } else if (line.rfind(kFailed, 0) == 0) {
