@@ -59,6 +59,7 @@ class BacklogStress : public ::testing::Test {
     LinuxPlatformOptions options;
     options.bundle = {"1.0", "Stress Host", "com.example.stress", {"en"}};
     options.log = log;
+    options.logLevel = LogLevel::Debug;  // the test counts trace lines
     manager = QSManager::create(makeLinuxPlatform(settings, options), settings);
     manager->setDelegate(delegate);
   }

@@ -134,6 +134,7 @@ int main(int argc, char** argv) {
   options.bundle = {"1.0", "Exit Host", std::nullopt, {"en"}};
   if (!bundleId.empty()) options.bundle.identifier = bundleId;
   options.log = std::make_shared<WatchingLog>(moment, settings, at == "answer");
+  options.logLevel = qs::LogLevel::Debug;  // it watches for trace lines
   qs::QSManager::installPlatform(qs::makeLinuxPlatform(settings, options), settings);
   auto delegate = std::make_shared<Delegate>(moment);
   qs::QSManager& manager = qs::QSManager::sharedInstance();
