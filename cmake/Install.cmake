@@ -9,6 +9,10 @@ else()
   install(DIRECTORY include/quarrystone DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
           PATTERN gtk EXCLUDE)
 endif()
+# The adapters' public headers live in their own include roots (so that the
+# core's include path does not reach them) and install beside the others.
+install(DIRECTORY src/platform/portable/include/ src/platform/linux/include/
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(DIRECTORY src/platform/fake/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quarrystone/fake
         FILES_MATCHING PATTERN "*.h")
 set(qs_install_targets quarrystone quarrystone_shared quarrystone_fake)

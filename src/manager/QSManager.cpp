@@ -8,7 +8,7 @@
 #include "collector/QSStorage.h"
 #include "manager/QSManagerHelper.h"
 #include "network/QSNetworkManager.h"
-#include "quarrystone/LinuxPlatform.h"
+#include "quarrystone/platform/DefaultPlatform.h"
 
 namespace qs {
 
@@ -63,7 +63,7 @@ QSManager& QSManager::sharedInstance() {
     std::lock_guard lock(setup.mutex);
     setup.created = true;
     DeploymentSettings settings = setup.settings.value_or(DeploymentSettings::fromEnvironment());
-    Platform platform = setup.platform ? *setup.platform : makeLinuxPlatform(settings);
+    Platform platform = setup.platform ? *setup.platform : defaultPlatform(settings);
     auto manager = create(std::move(platform), std::move(settings));
     return new std::shared_ptr<QSManager>(std::move(manager));
   }();

@@ -5,7 +5,7 @@
 
 #include <fmt/format.h>
 
-#include "quarrystone/LinuxPlatform.h"
+#include "quarrystone/PortableServices.h"
 
 namespace qs::fake {
 

@@ -130,7 +130,8 @@ class FakeWorkerPool final : public WorkerPool {
 };
 
 // The whole deterministic platform. `platform()` hands the services out;
-// the typed members let tests script them. Crypto and text are the real ones.
+// the typed members let tests script them. The notification registry,
+// archiver, crypto and text are the real portable ones: they are deterministic.
 struct FakePlatform {
   FakePlatform();
 

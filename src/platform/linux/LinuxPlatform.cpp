@@ -5,6 +5,8 @@
 
 #include <string>
 
+#include "quarrystone/platform/DefaultPlatform.h"
+
 namespace qs {
 
 namespace {
@@ -58,5 +60,8 @@ Platform makeLinuxPlatform(const DeploymentSettings& settings, LinuxPlatformOpti
   platform.text = makeUtf8procText();
   return platform;
 }
+
+// Linux is the platform this adapter's build selects.
+Platform defaultPlatform(const DeploymentSettings& settings) { return makeLinuxPlatform(settings); }
 
 }  // namespace qs

@@ -4,7 +4,7 @@
 // its own loops; changes are handed to the platform MainLoop. Flags are computed from a cached copy
 // of the monitor's state (plus a kernel route probe for numeric addresses), so reading them is
 // cheap and safe from any thread and never waits on DNS.
-#include "reachability_gio.h"
+#include "GioReachability.h"
 
 #include <netdb.h>
 #include <sys/socket.h>
@@ -21,7 +21,7 @@
 #include <utility>
 #include <vector>
 
-#include "glib_context.h"
+#include "GlibContext.h"
 #include "quarrystone/LinuxPlatform.h"
 
 namespace qs {

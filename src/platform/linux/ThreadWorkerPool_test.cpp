@@ -1,4 +1,4 @@
-#include "worker_pool_threads.h"
+#include "ThreadWorkerPool.h"
 
 #include <gtest/gtest.h>
 

@@ -1,21 +1,10 @@
-// SHA-1 through OpenSSL and grapheme clusters through utf8proc.
-#include <openssl/sha.h>
 #include <utf8proc.h>
 
-#include "quarrystone/LinuxPlatform.h"
+#include "quarrystone/PortableServices.h"
 
 namespace qs {
 
 namespace {
-
-class OpenSslCrypto final : public Crypto {
- public:
-  std::array<std::uint8_t, 20> sha1(std::string_view data) override {
-    std::array<std::uint8_t, 20> digest{};
-    SHA1(reinterpret_cast<const unsigned char*>(data.data()), data.size(), digest.data());
-    return digest;
-  }
-};
 
 // Walks the text code point by code point and asks utf8proc where extended
 // grapheme clusters break. An invalid byte counts as a cluster of its own.
@@ -48,7 +37,6 @@ class Utf8procText final : public Text {
 
 }  // namespace
 
-std::shared_ptr<Crypto> makeOpenSslCrypto() { return std::make_shared<OpenSslCrypto>(); }
 std::shared_ptr<Text> makeUtf8procText() { return std::make_shared<Utf8procText>(); }
 
 }  // namespace qs

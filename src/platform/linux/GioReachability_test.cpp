@@ -1,4 +1,4 @@
-#include "reachability_gio.h"
+#include "GioReachability.h"
 
 #include <gtest/gtest.h>
 #include <net/if.h>

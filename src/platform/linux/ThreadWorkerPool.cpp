@@ -1,5 +1,5 @@
 // Posted tasks run on threads made on demand and ended when idle.
-#include "worker_pool_threads.h"
+#include "ThreadWorkerPool.h"
 
 #include <pthread.h>
 

@@ -1,4 +1,4 @@
-#include "device_info_linux.h"
+#include "LinuxDeviceInfo.h"
 
 #include <gtest/gtest.h>
 #include <sys/utsname.h>

@@ -19,7 +19,7 @@
 #include <utility>
 #include <vector>
 
-#include "glib_context.h"
+#include "GlibContext.h"
 #include "quarrystone/LinuxPlatform.h"
 
 namespace qs {

@@ -1,6 +1,6 @@
 // Device facts on a Linux desktop: uname, os-release, the host name and the
 // locale variables; screen and bundle are what the host declares.
-#include "device_info_linux.h"
+#include "LinuxDeviceInfo.h"
 
 #include <sys/random.h>
 #include <sys/utsname.h>

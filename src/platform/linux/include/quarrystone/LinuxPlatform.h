@@ -3,10 +3,10 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <string_view>
 
 #include "quarrystone/DeploymentSettings.h"
 #include "quarrystone/Export.h"
+#include "quarrystone/PortableServices.h"
 #include "quarrystone/platform/Platform.h"
 
 typedef struct _GMainContext GMainContext;
@@ -35,20 +35,9 @@ struct QS_EXPORT LinuxPlatformOptions {
 QS_EXPORT Platform makeLinuxPlatform(const DeploymentSettings& settings,
                                      LinuxPlatformOptions options = {});
 
-// The individual adapters, for hosts that mix their own services in.
+// The individual adapters, for hosts that mix their own services in (the
+// portable ones, such as the stderr log, come with PortableServices.h).
 // Caller-owned results (shared).
-// Writes the lines at or above `minimum` to stderr, prefixed "Quarrystone: ".
-QS_EXPORT std::shared_ptr<Log> makeStderrLog(LogLevel minimum = LogLevel::Warning);
-// Passes on to `sink` the lines at or above `minimum`.
-QS_EXPORT std::shared_ptr<Log> makeFilteredLog(std::shared_ptr<Log> sink, LogLevel minimum);
-// "debug", "info", "warning" or "error", and back.
-QS_EXPORT const char* logLevelName(LogLevel level);
-QS_EXPORT std::optional<LogLevel> logLevelFromName(std::string_view name);
-QS_EXPORT std::shared_ptr<Clock> makeSystemClock();
-QS_EXPORT std::shared_ptr<NotificationCenter> makeLocalNotificationCenter();
-QS_EXPORT std::shared_ptr<KeyedArchiver> makeCborArchiver();
-QS_EXPORT std::shared_ptr<Crypto> makeOpenSslCrypto();
-QS_EXPORT std::shared_ptr<Text> makeUtf8procText();
 QS_EXPORT std::shared_ptr<WorkerPool> makeThreadWorkerPool();
 QS_EXPORT std::shared_ptr<MainLoop> makeGlibMainLoop(GMainContext* hostContext);
 // The SQLite store at `path`. The file and its WAL and shared-memory files are

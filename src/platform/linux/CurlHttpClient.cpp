@@ -31,7 +31,7 @@
 #include <utility>
 #include <vector>
 
-#include "glib_context.h"
+#include "GlibContext.h"
 #include "quarrystone/LinuxPlatform.h"
 
 namespace qs {
