@@ -15,8 +15,8 @@
 #include <cstring>
 #include <mutex>
 
+#include "GlibContext.h"
 #include "ReachabilityStress.h"
-#include "glib_context.h"
 #include "platform/fake/FakePlatform.h"
 #include "quarrystone/LinuxPlatform.h"
 
