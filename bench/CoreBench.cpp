@@ -18,6 +18,7 @@
 #include "collector/CollectorRequest.h"
 #include "collector/QSStorage.h"
 #include "manager/QSManagerHelper.h"
+#include "manager/QSManagerInternals.h"
 #include "quarrystone/LinuxPlatform.h"
 #include "quarrystone/QSManager.h"
 
@@ -107,7 +108,8 @@ void BM_HttpHeaders(benchmark::State& state) {
     return;
   }
   state.SetLabel(state.range(0) == 1 ? "sqlite" : "fake store");
-  setup.manager->storage()->saveCookie(qs::QSCookie("_qs3", kToken, kNow + 480));
+  qs::QSManagerInternals::storage(*setup.manager)
+      ->saveCookie(qs::QSCookie("_qs3", kToken, kNow + 480));
   setup.manager->httpHeaders();  // the first read after the save may decode
   const std::uint64_t reads = setup.store->reads.load();
   const std::uint64_t unarchives = setup.archiver->unarchives.load();
@@ -132,14 +134,17 @@ BENCHMARK(BM_HttpHeaders)->Arg(0)->Arg(1);
 // with the sid and vid of an earlier answer stored.
 struct ActivitySetup {
   ActivitySetup() : setup(false) {
-    auto& storage = *setup.manager->storage();
+    auto& storage = *qs::QSManagerInternals::storage(*setup.manager);
     storage.saveSid("a1b2c3d4-e5f6-4711-8899-aabbccddeeff");
     storage.saveVid("0f1e2d3c-4b5a-4697-8877-665544332211");
-    qs::AppActivity builder(setup.manager->platform(), storage, *setup.manager->utils(),
-                            *setup.manager->uuid());
+    qs::AppActivity builder(qs::QSManagerInternals::platform(*setup.manager), storage,
+                            *qs::QSManagerInternals::utils(*setup.manager),
+                            *qs::QSManagerInternals::uuid(*setup.manager));
     activity = builder.collectActivityData(qs::QSAppStateNewSession);
   }
-  qs::CollectorRequest& request() { return setup.manager->managerHelper().collectorRequest(); }
+  qs::CollectorRequest& request() {
+    return qs::QSManagerInternals::managerHelper(*setup.manager).collectorRequest();
+  }
 
   ManagerSetup setup;
   qs::Value activity;
@@ -195,7 +200,8 @@ BENCHMARK(BM_FormString);
 void BM_CollectActivity(benchmark::State& state) {
   ActivitySetup s;
   auto& m = *s.setup.manager;
-  qs::AppActivity builder(m.platform(), *m.storage(), *m.utils(), *m.uuid());
+  qs::AppActivity builder(qs::QSManagerInternals::platform(m), *qs::QSManagerInternals::storage(m),
+                          *qs::QSManagerInternals::utils(m), *qs::QSManagerInternals::uuid(m));
   for (auto _ : state) {
     qs::Value activity = builder.collectActivityData(qs::QSAppStateIdle);
     benchmark::DoNotOptimize(activity);

@@ -63,7 +63,7 @@ class BacklogStress : public ::testing::Test {
     sandbox.reset();
   }
   std::size_t pending() const {
-    return manager->networkManager()->requestsQueue().operationCount();
+    return QSManagerInternals::networkManager(*manager)->requestsQueue().operationCount();
   }
 
   // One public call, chosen by `pick`; wake-ups are half of them.

@@ -66,7 +66,7 @@ TEST(CollectorCorpus, EveryInputEndsInADefinedOutcome) {
       EXPECT_EQ(x.fake.log->contains("CollectorRequest received error"), !parsed);
     }
     if (parsed && parsed->sid()) {
-      EXPECT_EQ(x.manager->storage()->getSid(), parsed->sid());
+      EXPECT_EQ(QSManagerInternals::storage(*x.manager)->getSid(), parsed->sid());
     }
   }
   EXPECT_GE(inputs, 5u);

@@ -45,6 +45,7 @@
 #include <glib.h>
 
 #include "manager/QSManagerHelper.h"
+#include "manager/QSManagerInternals.h"
 #include "quarrystone/LinuxPlatform.h"
 #include "quarrystone/QSManager.h"
 
@@ -223,7 +224,7 @@ int runChild(const Options& o) {
   result += ",\"threads\":" + std::to_string(libraryThreads) + ",\"thread_names\":[" + names + "]";
 
   if (o.idleSeconds > 0) {
-    auto timer = manager->managerHelper().timer();
+    auto timer = qs::QSManagerInternals::managerHelper(*manager).timer();
     result += ",\"timer_pending\":" + std::string(timer && timer->isValid() ? "true" : "false");
     const auto idleStart = sampleThreads();
     std::this_thread::sleep_for(std::chrono::duration<double>(o.idleSeconds));

@@ -1,9 +1,7 @@
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <stdexcept>
 #include <string>
 
@@ -17,12 +15,6 @@
 #include "quarrystone/platform/Platform.h"
 
 namespace qs {
-
-class QSManagerHelper;
-class QSStorage;
-class QSUtils;
-class QSUUID;
-class QSNetworkManager;
 
 // Thrown by startWith() when no delegate is set. The only exception the
 // library ever lets reach the host.
@@ -67,7 +59,6 @@ class QS_EXPORT QSManager : public QSWebViewDelegate,
   void setForceBlock(bool value);
   std::int64_t blockCode() const;
   void setBlockCode(std::int64_t code);
-  QSManagerHelper& managerHelper() const;
 
   // Starts (or restarts) the library for `appId`.
   // Throws QSMissingDelegateException when no delegate is set.
@@ -97,34 +88,16 @@ class QS_EXPORT QSManager : public QSWebViewDelegate,
   void forceCaptchaToken();
   void resetDebugSettings();
 
-  // Services of this manager's object graph (for the library's own classes).
-  const Platform& platform() const { return platform_; }
-  const DeploymentSettings& settings() const { return settings_; }
-  const std::shared_ptr<QSStorage>& storage() const { return storage_; }
-  const std::shared_ptr<QSUtils>& utils() const { return utils_; }
-  const std::shared_ptr<QSUUID>& uuid() const { return uuid_; }
-  const std::shared_ptr<QSNetworkManager>& networkManager() const { return network_; }
-
  private:
+  // The object graph and the state behind the accessors above live in Impl;
+  // the library's own classes reach them through QSManagerInternals, which is
+  // not installed.
+  class Impl;
+  friend class QSManagerInternals;
+
   QSManager(Platform platform, DeploymentSettings settings);
-  void init();
-  void log(const std::string& line, LogLevel level = LogLevel::Debug) const;
 
-  const Platform platform_;
-  const DeploymentSettings settings_;
-  std::shared_ptr<QSStorage> storage_;
-  std::shared_ptr<QSUUID> uuid_;
-  std::shared_ptr<QSUtils> utils_;
-  std::shared_ptr<QSNetworkManager> network_;
-  std::shared_ptr<QSManagerHelper> managerHelper_;
-
-  mutable std::mutex mutex_;
-  std::weak_ptr<QSManagerDelegate> delegate_;  // guarded by mutex_
-  std::string appId_;                          // guarded by mutex_
-  std::string collectorUrl_;                   // guarded by mutex_
-  std::atomic<bool> forceCaptcha_{false};
-  std::atomic<bool> forceBlock_{false};
-  std::atomic<std::int64_t> blockCode_{403};
+  const std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace qs

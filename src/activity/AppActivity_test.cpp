@@ -10,14 +10,15 @@ namespace {
 class AppActivityTest : public CoreTest {
  protected:
   Value build(QSAppState state) {
-    AppActivity builder(manager->platform(), *manager->storage(), *manager->utils(),
-                        *manager->uuid());
+    AppActivity builder(QSManagerInternals::platform(*manager),
+                        *QSManagerInternals::storage(*manager),
+                        *QSManagerInternals::utils(*manager), *QSManagerInternals::uuid(*manager));
     return builder.collectActivityData(state);
   }
 };
 
 TEST_F(AppActivityTest, StateDecidesTypeAndTheInitOnlyFields) {
-  manager->storage()->saveCustomParams(
+  QSManagerInternals::storage(*manager)->saveCustomParams(
       Value{{"plan", "gold"}, {QSFM_DEVICE_MODEL, "Custom"}, {QSFM_RESUME_COUNTER, 99}});
   Value idle = build(QSAppStateIdle);
   EXPECT_EQ(idle["t"], QSFM_APP_IDLE);
@@ -27,7 +28,7 @@ TEST_F(AppActivityTest, StateDecidesTypeAndTheInitOnlyFields) {
     EXPECT_FALSE(idle["d"].contains(key)) << key;
   }
   EXPECT_EQ(idle["d"][QSFM_DEVICE_MODEL], "Simulator");
-  EXPECT_FALSE(manager->storage()->getAppResumeCounter().has_value());
+  EXPECT_FALSE(QSManagerInternals::storage(*manager)->getAppResumeCounter().has_value());
 
   // Any other state reports "idle" but is an app-init activity.
   for (QSAppState odd : {5, -1}) {
@@ -43,7 +44,7 @@ TEST_F(AppActivityTest, StateDecidesTypeAndTheInitOnlyFields) {
   EXPECT_EQ(d[QSFM_RESUME_COUNTER], 3);       // ...but not the counter
   EXPECT_EQ(d[QSFM_DEVICE_SUPPORTED_LANGUAGES], Value::array({"en-US"}));
   EXPECT_EQ(d[QSFM_APP_SUPPORTED_LANGUAGES], Value::array({"en"}));
-  EXPECT_EQ(manager->storage()->getAppResumeCounter(), Value(3));
+  EXPECT_EQ(QSManagerInternals::storage(*manager)->getAppResumeCounter(), Value(3));
 }
 
 TEST_F(AppActivityTest, DeviceAndAppFactsWithTheirPlaceholders) {
@@ -97,19 +98,20 @@ TEST_F(AppActivityTest, FingerprintsAndTimings) {
   Value d = build(QSAppStateIdle)["d"];
   EXPECT_EQ(d[QSFM_FINGERPRINT2], "ABCDEF");  // 6 characters: sent whole
   const std::string f1 = d[QSFM_FINGERPRINT1];
-  EXPECT_EQ(f1, manager->uuid()->UUID());
+  EXPECT_EQ(f1, QSManagerInternals::uuid(*manager)->UUID());
   EXPECT_EQ(f1.size(), 36u);
-  EXPECT_EQ(d[QSFM_FINGERPRINT3], manager->utils()->sha1("Simulator|,|" + f1 + "|,|ABCDEF"));
+  EXPECT_EQ(d[QSFM_FINGERPRINT3],
+            QSManagerInternals::utils(*manager)->sha1("Simulator|,|" + f1 + "|,|ABCDEF"));
 
   fake.device->uniqueStringValue = "12345-6789";  // 9 characters: cut to 8
   EXPECT_EQ(build(QSAppStateIdle)["d"][QSFM_FINGERPRINT2], "12345678");
 
-  manager->utils()->startTimerForManagerStart();
-  manager->utils()->startTimerForCollectorRequest();
+  QSManagerInternals::utils(*manager)->startTimerForManagerStart();
+  QSManagerInternals::utils(*manager)->startTimerForCollectorRequest();
   fake.clock->advance(0.2349);
-  manager->utils()->stopTimerForCollectorRequest();
+  QSManagerInternals::utils(*manager)->stopTimerForCollectorRequest();
   fake.clock->advance(1.765);
-  manager->utils()->stopTimerForManagerStart();
+  QSManagerInternals::utils(*manager)->stopTimerForManagerStart();
   d = build(QSAppStateIdle)["d"];
   EXPECT_EQ(d[QSFM_COLLECTOR_REQUEST_RTT], 234);
   EXPECT_EQ(d[QSFM_MANAGER_READY_TIME_INTERVAL], 1999);

@@ -67,8 +67,8 @@ TEST_F(CollectorExchangeTest, SidAndVidOnlyAreStoredAndArmTheNewSessionTimer) {
   EXPECT_EQ(lastPost().form.count("sid"), 0u);
   answer(commands({"sid|S1", "vid|V1"}, 500));  // the status code is not looked at
 
-  EXPECT_EQ(manager->storage()->getSid(), "S1");
-  EXPECT_EQ(manager->storage()->getVid(), "V1");
+  EXPECT_EQ(QSManagerInternals::storage(*manager)->getSid(), "S1");
+  EXPECT_EQ(QSManagerInternals::storage(*manager)->getVid(), "V1");
   ASSERT_EQ(delegate->calls().size(), 1u);
   EXPECT_EQ(delegate->calls()[0].kind, "managerReady");
   EXPECT_DOUBLE_EQ(fake.mainLoop->nextFireTime(), now() + 60);
@@ -87,8 +87,8 @@ TEST_F(CollectorExchangeTest, ChallengeIsAnsweredAndItsAnswerBringsTheTokenAndRe
   // The challenge is answered at once; the cookie beside it is dropped and
   // the host hears nothing yet.
   EXPECT_TRUE(delegate->calls().empty());
-  EXPECT_FALSE(manager->storage()->getCookie().has_value());
-  EXPECT_EQ(manager->storage()->getVid(), "V1");
+  EXPECT_FALSE(QSManagerInternals::storage(*manager)->getCookie().has_value());
+  EXPECT_EQ(QSManagerInternals::storage(*manager)->getVid(), "V1");
   auto answerPost = lastPost();
   EXPECT_EQ(answerPost.type(), QSFM_APP_CHALLENGE);
   EXPECT_EQ(answerPost.details(), (Value{{QSFM_CHALLENGE_TS, 42},
@@ -148,7 +148,7 @@ TEST_F(CollectorExchangeTest, MalformedAnswersAreFailuresOrEmptyButNeverCrash) {
   // A command too short for the field it reads stops the parse: nothing of
   // it is used and the exchange counts as failed.
   answer(commands({"sid|S1", "vid"}));
-  EXPECT_FALSE(manager->storage()->getSid().has_value());
+  EXPECT_FALSE(QSManagerInternals::storage(*manager)->getSid().has_value());
   EXPECT_TRUE(fake.log->contains("CollectorRequest received error:"));
   ASSERT_EQ(delegate->calls().size(), 1u);
   EXPECT_DOUBLE_EQ(fake.mainLoop->nextFireTime(), now() + 60);
@@ -160,7 +160,7 @@ TEST_F(CollectorExchangeTest, MalformedAnswersAreFailuresOrEmptyButNeverCrash) {
     answer(FakeReply::json(body));
   }
   EXPECT_EQ(delegate->calls().size(), 1u);
-  EXPECT_FALSE(manager->storage()->getCookie().has_value());
+  EXPECT_FALSE(QSManagerInternals::storage(*manager)->getCookie().has_value());
 }
 
 TEST_F(CollectorExchangeTest, FormStringIsTheBodyMapWithoutEscaping) {
@@ -173,7 +173,7 @@ TEST_F(CollectorExchangeTest, FormStringIsTheBodyMapWithoutEscaping) {
 
   manager->startWith("app1");
   auto post = lastPost();
-  EXPECT_EQ(post.form["uuid"], manager->uuid()->UUID());
+  EXPECT_EQ(post.form["uuid"], QSManagerInternals::uuid(*manager)->UUID());
   EXPECT_EQ(post.form["tag"], "v2.51");
   EXPECT_EQ(post.form["en"], "1");
   EXPECT_EQ(post.form["appId"], "app1");
@@ -184,7 +184,7 @@ TEST_F(CollectorExchangeTest, FormStringIsTheBodyMapWithoutEscaping) {
 
 TEST_F(CollectorExchangeTest, AnAnswerAfterTheManagerIsGoneChangesNothing) {
   manager->startWith("app1");
-  auto storage = manager->storage();
+  auto storage = QSManagerInternals::storage(*manager);
   manager.reset();
   // The pending request keeps the exchange alive, not the manager.
   answer(commands({"bake|_qs3|x|T1|y|100"}));
@@ -284,7 +284,7 @@ TEST_F(CollectorExchangeTest, AFullBacklogDropsCountsAndReportsNewActivities) {
   manager->startWith("app1");
   for (std::size_t i = 0; i < bound + 2; ++i) manager->wakeup();
   EXPECT_EQ(fake.http->pendingCount(), bound);
-  EXPECT_EQ(manager->networkManager()->requestsQueue().operationCount(), bound);
+  EXPECT_EQ(QSManagerInternals::networkManager(*manager)->requestsQueue().operationCount(), bound);
   EXPECT_EQ(fake.log->count(droppedLine), 3u);
   EXPECT_TRUE(fake.log->contains("(3 dropped since the last error report)"));
   // A drop is not a failed exchange: no retry armed, the host not yet told.

@@ -2,11 +2,15 @@
 
 #include <fmt/format.h>
 
+#include <atomic>
+#include <mutex>
+
 #include "activity/QSUUID.h"
 #include "activity/QSUtils.h"
 #include "block/QSWebViewController.h"
 #include "collector/QSStorage.h"
 #include "manager/QSManagerHelper.h"
+#include "manager/QSManagerInternals.h"
 #include "network/QSNetworkManager.h"
 #include "quarrystone/platform/DefaultPlatform.h"
 
@@ -70,71 +74,93 @@ QSManager& QSManager::sharedInstance() {
   return **instance;
 }
 
+// The manager's object graph and state. Services are set while create()
+// runs and never change; the rest is atomic or guarded by mutex.
+class QSManager::Impl {
+ public:
+  Impl(Platform platformIn, DeploymentSettings settingsIn)
+      : platform(std::move(platformIn)),
+        settings(std::move(settingsIn)),
+        storage(std::make_shared<QSStorage>(platform.store, platform.archiver, platform.log)),
+        uuid(std::make_shared<QSUUID>(platform.device)),
+        utils(std::make_shared<QSUtils>(platform, storage)),
+        network(std::make_shared<QSNetworkManager>(platform)) {}
+
+  void log(const std::string& line, LogLevel level = LogLevel::Debug) const {
+    platform.log->write(level, line);
+  }
+
+  const Platform platform;
+  const DeploymentSettings settings;
+  const std::shared_ptr<QSStorage> storage;
+  const std::shared_ptr<QSUUID> uuid;
+  const std::shared_ptr<QSUtils> utils;
+  const std::shared_ptr<QSNetworkManager> network;
+  // Needs the manager's weak self, so it is made once the manager exists.
+  std::shared_ptr<QSManagerHelper> managerHelper;
+
+  mutable std::mutex mutex;
+  std::weak_ptr<QSManagerDelegate> delegate;  // guarded by mutex
+  std::string appId;                          // guarded by mutex
+  std::string collectorUrl;                   // guarded by mutex
+  std::atomic<bool> forceCaptcha{false};
+  std::atomic<bool> forceBlock{false};
+  std::atomic<std::int64_t> blockCode{403};
+};
+
 std::shared_ptr<QSManager> QSManager::create(Platform platform, DeploymentSettings settings) {
   std::shared_ptr<QSManager> manager(new QSManager(std::move(platform), std::move(settings)));
-  manager->init();
+  Impl& impl = *manager->impl_;
+  impl.managerHelper = QSManagerHelper::create(
+      manager, {impl.platform, impl.storage, impl.utils, impl.uuid, impl.network});
   return manager;
 }
 
 QSManager::QSManager(Platform platform, DeploymentSettings settings)
-    : platform_(std::move(platform)), settings_(std::move(settings)) {}
-
-void QSManager::init() {
-  storage_ = std::make_shared<QSStorage>(platform_.store, platform_.archiver, platform_.log);
-  uuid_ = std::make_shared<QSUUID>(platform_.device);
-  utils_ = std::make_shared<QSUtils>(platform_, storage_);
-  network_ = std::make_shared<QSNetworkManager>(platform_);
-  managerHelper_ =
-      QSManagerHelper::create(weak_from_this(), {platform_, storage_, utils_, uuid_, network_});
-}
+    : impl_(std::make_unique<Impl>(std::move(platform), std::move(settings))) {}
 
 QSManager::~QSManager() = default;
 
-void QSManager::log(const std::string& line, LogLevel level) const {
-  platform_.log->write(level, line);
-}
-
 void QSManager::setDelegate(std::weak_ptr<QSManagerDelegate> delegate) {
-  std::lock_guard lock(mutex_);
-  delegate_ = std::move(delegate);
+  std::lock_guard lock(impl_->mutex);
+  impl_->delegate = std::move(delegate);
 }
 
 std::shared_ptr<QSManagerDelegate> QSManager::delegate() const {
-  std::lock_guard lock(mutex_);
-  return delegate_.lock();
+  std::lock_guard lock(impl_->mutex);
+  return impl_->delegate.lock();
 }
 
 std::string QSManager::appId() const {
-  std::lock_guard lock(mutex_);
-  return appId_;
+  std::lock_guard lock(impl_->mutex);
+  return impl_->appId;
 }
 
 std::string QSManager::collectorUrl() const {
-  std::lock_guard lock(mutex_);
-  return collectorUrl_;
+  std::lock_guard lock(impl_->mutex);
+  return impl_->collectorUrl;
 }
 
-bool QSManager::forceCaptcha() const { return forceCaptcha_.load(); }
-void QSManager::setForceCaptcha(bool value) { forceCaptcha_.store(value); }
-bool QSManager::forceBlock() const { return forceBlock_.load(); }
-void QSManager::setForceBlock(bool value) { forceBlock_.store(value); }
-std::int64_t QSManager::blockCode() const { return blockCode_.load(); }
-void QSManager::setBlockCode(std::int64_t code) { blockCode_.store(code); }
-QSManagerHelper& QSManager::managerHelper() const { return *managerHelper_; }
+bool QSManager::forceCaptcha() const { return impl_->forceCaptcha.load(); }
+void QSManager::setForceCaptcha(bool value) { impl_->forceCaptcha.store(value); }
+bool QSManager::forceBlock() const { return impl_->forceBlock.load(); }
+void QSManager::setForceBlock(bool value) { impl_->forceBlock.store(value); }
+std::int64_t QSManager::blockCode() const { return impl_->blockCode.load(); }
+void QSManager::setBlockCode(std::int64_t code) { impl_->blockCode.store(code); }
 
 void QSManager::startWith(const std::string& appId) {
   {
-    std::lock_guard lock(mutex_);
-    if (delegate_.expired()) throw QSMissingDelegateException();
-    appId_ = appId;
-    collectorUrl_ = settings_.collectorUrl(appId);
+    std::lock_guard lock(impl_->mutex);
+    if (impl_->delegate.expired()) throw QSMissingDelegateException();
+    impl_->appId = appId;
+    impl_->collectorUrl = impl_->settings.collectorUrl(appId);
   }
-  utils_->startTimerForManagerStart();
-  utils_->resetCollectorSid();
-  managerHelper_->sendAppActivity(QSAppStateNewSession);
+  impl_->utils->startTimerForManagerStart();
+  impl_->utils->resetCollectorSid();
+  impl_->managerHelper->sendAppActivity(QSAppStateNewSession);
 }
 
-void QSManager::wakeup() { managerHelper_->sendAppActivity(QSAppStateWakeup); }
+void QSManager::wakeup() { impl_->managerHelper->sendAppActivity(QSAppStateWakeup); }
 
 void QSManager::managerWithCustomBlockCode(std::int64_t code) { setBlockCode(code); }
 
@@ -145,20 +171,20 @@ std::shared_ptr<QSBlockResponse> QSManager::checkError(const Value& response) {
 void QSManager::handleBlockResponse(const std::shared_ptr<QSBlockResponse>& response,
                                     ViewController& host) {
   if (!response) {
-    log(kMissingResponseMessage, LogLevel::Error);
-    managerHelper_->reportError(kMissingResponseMessage);
+    impl_->log(kMissingResponseMessage, LogLevel::Error);
+    impl_->managerHelper->reportError(kMissingResponseMessage);
     return;
   }
   switch (response->type()) {
     case QSBlockResponseTypeForeign:
-      log(kForeignResponseMessage, LogLevel::Error);
-      managerHelper_->reportError(kForeignResponseMessage);
+      impl_->log(kForeignResponseMessage, LogLevel::Error);
+      impl_->managerHelper->reportError(kForeignResponseMessage);
       return;
     case QSBlockResponseTypeBlock:
-      log("----> handle Block");
+      impl_->log("----> handle Block");
       break;
     case QSBlockResponseTypeCaptcha:
-      log("----> handle Captcha");
+      impl_->log("----> handle Captcha");
       break;
     default:
       return;
@@ -168,50 +194,51 @@ void QSManager::handleBlockResponse(const std::shared_ptr<QSBlockResponse>& resp
 
 void QSManager::showBlockResponse(const std::shared_ptr<QSBlockResponse>& response,
                                   ViewController& host) {
-  if (!platform_.ui) {
-    log("showBlockResponse - no UI is available to present the page", LogLevel::Warning);
+  if (!impl_->platform.ui) {
+    impl_->log("showBlockResponse - no UI is available to present the page", LogLevel::Warning);
     return;
   }
   std::weak_ptr<QSManager> weak = weak_from_this();
   auto controller = std::make_shared<QSWebViewController>(
-      platform_, network_->userAgent(), settings_.webDomain,
+      impl_->platform, impl_->network->userAgent(), impl_->settings.webDomain,
       [weak] {
         auto self = weak.lock();
         return self ? self->collectorUrl() : std::string();
       },
       [weak](const std::string& message) {
-        if (auto self = weak.lock()) self->managerHelper().reportError(message);
+        if (auto self = weak.lock()) self->impl_->managerHelper->reportError(message);
       });
   controller->setBlockResponse(response);
   controller->setDelegate(weak_from_this());
-  platform_.ui->present(controller, host, /*animated=*/true);
+  impl_->platform.ui->present(controller, host, /*animated=*/true);
 }
 
-void QSManager::captchaSuccess() { managerHelper_->sendAppActivity(QSAppStateNewSession); }
+void QSManager::captchaSuccess() { impl_->managerHelper->sendAppActivity(QSAppStateNewSession); }
 
 void QSManager::setCustomParameters(const Value& parameters) {
   if (!parameters.is_null() && !parameters.is_object()) {
-    log("setCustomParameters - ignoring custom parameters that are not a map", LogLevel::Warning);
+    impl_->log("setCustomParameters - ignoring custom parameters that are not a map",
+               LogLevel::Warning);
     return;
   }
   // An empty map clears the parameters.
   if (parameters.is_null() || (parameters.is_object() && parameters.empty())) {
-    storage_->saveCustomParams(std::nullopt);
+    impl_->storage->saveCustomParams(std::nullopt);
   } else {
-    storage_->saveCustomParams(parameters);
+    impl_->storage->saveCustomParams(parameters);
   }
 }
 
 HeaderMap QSManager::httpHeaders() const {
   HeaderMap headers;
-  auto cookie = storage_->getCookie();
-  if (cookie && !cookie->ttlExpired(platform_.clock->now())) {
+  auto cookie = impl_->storage->getCookie();
+  if (cookie && !cookie->ttlExpired(impl_->platform.clock->now())) {
     headers.emplace(
         "X-QS-AUTHORIZATION",
         fmt::format("{}:{}", QSCookie::cookieLevelFrom(cookie->name()), cookie->token()));
-    if (forceBlock_.load()) {
+    if (impl_->forceBlock.load()) {
       headers.emplace("X-QS-SIMULATE", "block");
-    } else if (forceCaptcha_.load()) {
+    } else if (impl_->forceCaptcha.load()) {
       headers.emplace("X-QS-SIMULATE", "captcha");
     }
   } else {
@@ -232,18 +259,41 @@ void QSManager::setHeadersForConfiguration(URLSessionConfiguration& configuratio
 }
 
 void QSManager::forceBlockToken() {
-  forceBlock_.store(true);
+  impl_->forceBlock.store(true);
   startWith(appId());
 }
 
 void QSManager::forceCaptchaToken() {
-  forceCaptcha_.store(true);
+  impl_->forceCaptcha.store(true);
   startWith(appId());
 }
 
 void QSManager::resetDebugSettings() {
-  forceBlock_.store(false);
-  forceCaptcha_.store(false);
+  impl_->forceBlock.store(false);
+  impl_->forceCaptcha.store(false);
+}
+
+const Platform& QSManagerInternals::platform(const QSManager& manager) {
+  return manager.impl_->platform;
+}
+const DeploymentSettings& QSManagerInternals::settings(const QSManager& manager) {
+  return manager.impl_->settings;
+}
+const std::shared_ptr<QSStorage>& QSManagerInternals::storage(const QSManager& manager) {
+  return manager.impl_->storage;
+}
+const std::shared_ptr<QSUtils>& QSManagerInternals::utils(const QSManager& manager) {
+  return manager.impl_->utils;
+}
+const std::shared_ptr<QSUUID>& QSManagerInternals::uuid(const QSManager& manager) {
+  return manager.impl_->uuid;
+}
+const std::shared_ptr<QSNetworkManager>& QSManagerInternals::networkManager(
+    const QSManager& manager) {
+  return manager.impl_->network;
+}
+QSManagerHelper& QSManagerInternals::managerHelper(const QSManager& manager) {
+  return *manager.impl_->managerHelper;
 }
 
 }  // namespace qs

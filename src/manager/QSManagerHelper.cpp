@@ -5,6 +5,7 @@
 
 #include "activity/ChallengeActivity.h"
 #include "base/PercentEncoding.h"
+#include "manager/QSManagerInternals.h"
 #include "quarrystone/Constants.h"
 #include "quarrystone/QSManager.h"
 
@@ -183,7 +184,8 @@ void QSManagerHelper::reportError(const std::string& message) {
   const std::string encoded = json ? percentEncodeHostAllowed(*json) : "(null)";
   auto operation = std::make_shared<QSGetOperation>(
       *services_.platform.http, services_.network->userAgent(),
-      manager->settings().clientErrorUrl(id, encoded), std::nullopt, std::nullopt);
+      QSManagerInternals::settings(*manager).clientErrorUrl(id, encoded), std::nullopt,
+      std::nullopt);
   operation->setDelegate(shared_from_this());
   if (!services_.network->addNetworkOperation(std::move(operation))) {
     collectorRequest_->restoreDroppedActivities(dropped);

@@ -11,7 +11,8 @@ namespace {
 class QSManagerTest : public CoreTest {
  protected:
   void storeCookie(const std::string& name, const std::string& token, double ttl) {
-    manager->storage()->saveCookie(QSCookie(name, token, Value(ttl), fake.clock->now()));
+    QSManagerInternals::storage(*manager)->saveCookie(
+        QSCookie(name, token, Value(ttl), fake.clock->now()));
   }
 };
 
@@ -78,7 +79,7 @@ TEST_F(QSManagerTest, HeadersAreAppliedToRequestsAndConfigurations) {
 TEST_F(QSManagerTest, StateSurvivesARestartOnTheSameStore) {
   manager->setCustomParameters(Value{{"plan", "gold"}});
   storeCookie("_qs3", "T", 1000);
-  manager->storage()->saveVid("V1");
+  QSManagerInternals::storage(*manager)->saveVid("V1");
 
   auto restarted = QSManager::create(fake.platform(), settings);
   restarted->setDelegate(delegate);
@@ -89,15 +90,15 @@ TEST_F(QSManagerTest, StateSurvivesARestartOnTheSameStore) {
   EXPECT_EQ(post.details()["plan"], "gold");
 
   restarted->setCustomParameters(Value::object());
-  EXPECT_FALSE(restarted->storage()->getCustomParams().has_value());
+  EXPECT_FALSE(QSManagerInternals::storage(*restarted)->getCustomParams().has_value());
 }
 
 TEST_F(QSManagerTest, DebugTokensRestartTheExchangeWithoutASession) {
   manager->startWith("app1");
-  manager->storage()->saveSid("S1");
+  QSManagerInternals::storage(*manager)->saveSid("S1");
   manager->forceCaptchaToken();
   EXPECT_TRUE(manager->forceCaptcha());
-  EXPECT_FALSE(manager->storage()->getSid().has_value());
+  EXPECT_FALSE(QSManagerInternals::storage(*manager)->getSid().has_value());
   auto post = lastPost();
   EXPECT_EQ(post.details()[QSFM_APP_STATE], "new_session");
   EXPECT_EQ(post.form.count("sid"), 0u);
@@ -144,7 +145,7 @@ TEST_F(QSManagerTest, MisusedBlockHandlingIsReportedNotShown) {
     EXPECT_EQ(record.size(), 4u);
     EXPECT_EQ(record["appId"], "ABC");
     EXPECT_EQ(record["sdk_version"], "0.4.0");
-    EXPECT_EQ(record["tag"], manager->networkManager()->userAgent());
+    EXPECT_EQ(record["tag"], QSManagerInternals::networkManager(*manager)->userAgent());
     reported.push_back(record["message"]);
   }
   EXPECT_EQ(

@@ -14,6 +14,7 @@
 #include "FakePlatform.h"
 #include "crypto/SHA256_CBC.h"
 #include "manager/QSManagerHelper.h"
+#include "manager/QSManagerInternals.h"
 #include "quarrystone/QSManager.h"
 
 namespace qs::testing {
@@ -109,7 +110,7 @@ class CoreTest : public ::testing::Test {
     }
     return posts.back();
   }
-  QSManagerHelper& helper() { return manager->managerHelper(); }
+  QSManagerHelper& helper() { return QSManagerInternals::managerHelper(*manager); }
 
   fake::FakePlatform fake;
   DeploymentSettings settings;

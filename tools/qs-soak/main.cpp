@@ -45,6 +45,7 @@
 #include <fmt/format.h>
 
 #include "manager/QSManagerHelper.h"
+#include "manager/QSManagerInternals.h"
 #include "network/QSNetworkManager.h"
 #include "quarrystone/LinuxPlatform.h"
 #include "quarrystone/QSManager.h"
@@ -291,7 +292,7 @@ struct Run {
   std::shared_ptr<ReadyDelegate> delegate = std::make_shared<ReadyDelegate>();
   std::shared_ptr<qs::QSManager> manager;
   std::size_t pending() const {
-    return manager->networkManager()->requestsQueue().operationCount();
+    return qs::QSManagerInternals::networkManager(*manager)->requestsQueue().operationCount();
   }
 };
 
@@ -405,7 +406,7 @@ int exchanges(const Options& o, Run& run) {
         break;
       default:
         // The activity the renewal timer sends when the token nears expiry.
-        run.manager->managerHelper().sendAppIdleActivity();
+        qs::QSManagerInternals::managerHelper(*run.manager).sendAppIdleActivity();
         break;
     }
     // Done when it (and any challenge answer it led to) has completed.
