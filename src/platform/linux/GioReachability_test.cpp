@@ -13,7 +13,10 @@
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 #include <mutex>
+#include <string>
+#include <utility>
 
 #include "GlibContext.h"
 #include "ReachabilityStress.h"
@@ -83,6 +86,27 @@ GType testMonitorType() {
 constexpr std::uint32_t R = kReachabilityFlagsReachable, C = kReachabilityFlagsConnectionRequired,
                         I = kReachabilityFlagsInterventionRequired, W = kReachabilityFlagsIsWWAN,
                         L = kReachabilityFlagsIsLocalAddress, D = kReachabilityFlagsIsDirect;
+
+// Runs one test of this binary again as a fresh process with `env` set
+// (in a network namespace of its own when asked) and returns its exit
+// status: 77 when the namespace cannot be made, 78 when the binary cannot
+// be run, -1 when the process did not exit normally.
+int rerunThisTest(const char* filter,
+                  std::initializer_list<std::pair<const char*, const char*>> env,
+                  bool privateNetwork = false) {
+  const std::string filterArg = std::string("--gtest_filter=") + filter;
+  pid_t child = fork();
+  if (child < 0) return -1;
+  if (child == 0) {
+    if (privateNetwork && unshare(CLONE_NEWNET) != 0) _exit(77);
+    for (const auto& [name, value] : env) setenv(name, value, 1);
+    execl("/proc/self/exe", "/proc/self/exe", filterArg.c_str(), nullptr);
+    _exit(78);
+  }
+  int status = 0;
+  if (waitpid(child, &status, 0) != child || !WIFEXITED(status)) return -1;
+  return WEXITSTATUS(status);
+}
 
 TEST(GioReachability, MonitorStateMapsOntoFlags) {
   using K = ReachabilityTargetKind;
@@ -206,20 +230,10 @@ TEST(GioReachability, RouteChangeArrivesThroughTheMainLoop) {
   // The check changes routes, so it runs as a fresh copy of this test binary
   // inside a network namespace of its own, which vanishes with it.
   if (geteuid() != 0) GTEST_SKIP() << "needs root to make a network namespace";
-  pid_t child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    if (unshare(CLONE_NEWNET) != 0) _exit(77);
-    setenv("QS_TEST_IN_PRIVATE_NETNS", "1", 1);
-    execl("/proc/self/exe", "/proc/self/exe",
-          "--gtest_filter=GioReachability.RouteChangeArrivesThroughTheMainLoop", nullptr);
-    _exit(78);
-  }
-  int status = 0;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  ASSERT_TRUE(WIFEXITED(status));
-  if (WEXITSTATUS(status) == 77) GTEST_SKIP() << "network namespaces are not available here";
-  EXPECT_EQ(WEXITSTATUS(status), 0) << "the check failed inside the namespace (output above)";
+  const int status = rerunThisTest("GioReachability.RouteChangeArrivesThroughTheMainLoop",
+                                   {{"QS_TEST_IN_PRIVATE_NETNS", "1"}}, /*privateNetwork=*/true);
+  if (status == 77) GTEST_SKIP() << "network namespaces are not available here";
+  EXPECT_EQ(status, 0) << "the check failed inside the namespace (output above)";
 }
 
 // Runs in a fresh process in which the test monitor is GIO's choice (see the
@@ -262,19 +276,10 @@ TEST(GioReachability, MonitorsComeAndGoWhileChangesAreDelivered) {
   }
   // GIO picks its monitor once per process: the check runs as a fresh copy
   // of this test binary that installs the test monitor before anything asks.
-  pid_t child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    setenv("QS_TEST_GIO_TEST_MONITOR", "1", 1);
-    setenv("GIO_USE_NETWORK_MONITOR", "qs-test", 1);
-    execl("/proc/self/exe", "/proc/self/exe",
-          "--gtest_filter=GioReachability.MonitorsComeAndGoWhileChangesAreDelivered", nullptr);
-    _exit(78);
-  }
-  int status = 0;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0) << "the check failed in the child (output above)";
+  const int status =
+      rerunThisTest("GioReachability.MonitorsComeAndGoWhileChangesAreDelivered",
+                    {{"QS_TEST_GIO_TEST_MONITOR", "1"}, {"GIO_USE_NETWORK_MONITOR", "qs-test"}});
+  EXPECT_EQ(status, 0) << "the check failed in the child (output above)";
 }
 
 }  // namespace
