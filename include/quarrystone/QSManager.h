@@ -1,12 +1,14 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
 
 #include "quarrystone/DeploymentSettings.h"
 #include "quarrystone/Export.h"
+#include "quarrystone/QSBlockPage.h"
 #include "quarrystone/QSBlockResponse.h"
 #include "quarrystone/QSManagerDelegate.h"
 #include "quarrystone/QSWebViewDelegate.h"
@@ -72,6 +74,12 @@ class QS_EXPORT QSManager : public QSWebViewDelegate,
   // is logged and reported to the service, never raised.
   void handleBlockResponse(const std::shared_ptr<QSBlockResponse>& response, ViewController& host);
   void showBlockResponse(const std::shared_ptr<QSBlockResponse>& response, ViewController& host);
+  // handleBlockResponse for callers that wait for the page: `observer` hears
+  // failed captcha answers and how the page ended, and the returned handle
+  // closes it. Null (and the observer hears nothing) when no page was shown.
+  std::shared_ptr<QSBlockPage> handleBlockResponse(const std::shared_ptr<QSBlockResponse>& response,
+                                                   ViewController& host,
+                                                   std::shared_ptr<QSBlockPageObserver> observer);
   void captchaSuccess() override;
 
   // Persists parameters merged into every app activity; an empty map clears.
@@ -80,6 +88,17 @@ class QS_EXPORT QSManager : public QSWebViewDelegate,
   // The headers the host attaches to its own requests. Cheap: reads the
   // cached cookie, never the disk. Safe to call from any thread.
   HeaderMap httpHeaders() const;
+  // Further listeners for the headers, beside the delegate: each is called
+  // after the delegate's managerReady or newHeaders, on the same thread and
+  // with the same headers, also when no delegate is set. A listener should
+  // capture what it uses weakly: a call already under way when it is removed
+  // may still reach it. Any thread.
+  using HeadersListener = std::function<void(const HeaderMap& headers)>;
+  std::uint64_t addHeadersListener(HeadersListener listener);
+  void removeHeadersListener(std::uint64_t id);
+  // Sends `message` to the service's client error report (an incident the
+  // host or an integration saw, e.g. a backend that blocks a solved request).
+  void reportError(const std::string& message);
   void setHeadersForRequest(URLRequest& request) const;
   void setHeadersForConfiguration(URLSessionConfiguration& configuration) const;
 
@@ -94,6 +113,9 @@ class QS_EXPORT QSManager : public QSWebViewDelegate,
   // not installed.
   class Impl;
   friend class QSManagerInternals;
+  std::shared_ptr<QSBlockPage> presentBlockResponse(
+      const std::shared_ptr<QSBlockResponse>& response, ViewController& host,
+      std::shared_ptr<QSBlockPageObserver> observer);
 
   QSManager(Platform platform, DeploymentSettings settings);
 

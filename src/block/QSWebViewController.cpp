@@ -73,7 +73,38 @@ std::int64_t lenientIntegerValue(std::string_view text) {
   return value;
 }
 
+// Closes the page it was made for, if that is still on screen.
+class QSWebViewPage final : public QSBlockPage {
+ public:
+  QSWebViewPage(std::weak_ptr<QSWebViewController> controller, std::weak_ptr<UI> ui)
+      : controller_(std::move(controller)), ui_(std::move(ui)) {}
+  void close() override {
+    auto controller = controller_.lock();
+    auto ui = ui_.lock();
+    if (controller && ui) ui->dismiss(*controller, false);
+  }
+
+ private:
+  const std::weak_ptr<QSWebViewController> controller_;
+  const std::weak_ptr<UI> ui_;
+};
+
 }  // namespace
+
+QSWebViewController::~QSWebViewController() { notifyEnded(); }
+
+std::shared_ptr<QSBlockPage> QSWebViewController::page() {
+  return std::make_shared<QSWebViewPage>(weak_from_this(), ui_);
+}
+
+void QSWebViewController::notifyEnded() {
+  // Taken out first: the observer is told once, and may drop the last
+  // reference to itself.
+  auto observer = std::move(observer_);
+  observer_.reset();
+  if (observer)
+    observer->blockPageEnded(solved_ ? QSBlockPageEnd::CaptchaSolved : QSBlockPageEnd::Closed);
+}
 
 QSWebViewController::QSWebViewController(Platform platform, std::string userAgent,
                                          std::string webDomain,
@@ -118,7 +149,10 @@ void QSWebViewController::viewDidLoad() {
   loadWebView();
 }
 
-void QSWebViewController::viewWillDisappear(bool /*animated*/) { resetUserAgent(); }
+void QSWebViewController::viewWillDisappear(bool /*animated*/) {
+  resetUserAgent();
+  notifyEnded();
+}
 
 void QSWebViewController::setUserAgent() {
   if (!platform_.store) return;
@@ -152,8 +186,10 @@ bool QSWebViewController::isCaptchaRedirectCallback(const std::string& url) cons
 void QSWebViewController::handleCaptchaCallback(const std::string& url) {
   if (!captchaSuccess(url)) {
     loadWebView();
+    if (auto observer = observer_) observer->captchaAttemptFailed();
     return;
   }
+  solved_ = true;
   if (auto delegate = delegate_.lock()) delegate->captchaSuccess();
   if (auto ui = ui_.lock()) ui->dismiss(*this, true);
 }

@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 
+#include "quarrystone/QSBlockPage.h"
 #include "quarrystone/QSBlockResponse.h"
 #include "quarrystone/QSWebViewDelegate.h"
 #include "quarrystone/platform/Platform.h"
@@ -24,6 +25,9 @@ class QSWebViewController final : public ViewController,
   QSWebViewController(Platform platform, std::string userAgent, std::string webDomain,
                       std::function<std::string()> collectorUrl,
                       std::function<void(const std::string&)> reportError);
+  // A page dropped without being dismissed (its UI went away) still tells
+  // its observer that it ended.
+  ~QSWebViewController() override;
 
   // Held weakly: told once when a captcha is solved.
   std::shared_ptr<QSWebViewDelegate> delegate() const { return delegate_.lock(); }
@@ -32,6 +36,12 @@ class QSWebViewController final : public ViewController,
   void setBlockResponse(std::shared_ptr<QSBlockResponse> response) {
     blockResponse_ = std::move(response);
   }
+  // Optional: told of failed captcha answers and, once, how the page ended.
+  void setObserver(std::shared_ptr<QSBlockPageObserver> observer) {
+    observer_ = std::move(observer);
+  }
+  // A handle that closes this page through the UI; holds the page weakly.
+  std::shared_ptr<QSBlockPage> page();
   // Null until viewDidLoad.
   const std::shared_ptr<WebView>& webview() const { return webview_; }
   const std::string& previousUserAgent() const { return previousUserAgent_; }
@@ -64,6 +74,7 @@ class QSWebViewController final : public ViewController,
 
  private:
   void log(const std::string& line, LogLevel level = LogLevel::Debug) const;
+  void notifyEnded();
 
   Platform platform_;  // without `ui`: the UI owns presented controllers
   std::weak_ptr<UI> ui_;
@@ -77,6 +88,8 @@ class QSWebViewController final : public ViewController,
   std::shared_ptr<WebView> webview_;
   std::string previousUserAgent_;
   std::string baseUrl_;
+  std::shared_ptr<QSBlockPageObserver> observer_;
+  bool solved_ = false;
 };
 
 }  // namespace qs

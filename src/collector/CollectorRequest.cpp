@@ -161,12 +161,11 @@ void CollectorRequest::notifyDelegateOnNewHeaders() {
   // readiness a second time.
   const bool ready = didNotifyDelegateOnManagerReady_.exchange(true);
   if (!ready) services_.utils->stopTimerForManagerStart();
-  if (!host) return;
   // An exception from the host's own callback must not unwind the network thread.
   try {
-    if (ready) {
+    if (host && ready) {
       host->newHeaders(headers);
-    } else {
+    } else if (host) {
       host->managerReady(headers);
     }
   } catch (const std::exception& e) {
@@ -174,6 +173,7 @@ void CollectorRequest::notifyDelegateOnNewHeaders() {
   } catch (...) {
     log("QSManagerDelegate callback threw", LogLevel::Error);
   }
+  manager->headersAnnounced(headers);
 }
 
 }  // namespace qs

@@ -28,6 +28,9 @@ class ManagerView {
   virtual HeaderMap httpHeaders() const = 0;
   // The host's delegate; null when none is set or it is gone.
   virtual std::shared_ptr<QSManagerDelegate> delegate() const = 0;
+  // Told after the host's delegate (or instead of it, when there is none)
+  // whenever the delegate hears of headers.
+  virtual void headersAnnounced(const HeaderMap& /*headers*/) const {}
 };
 
 // What the exchange asks of the orchestrator: answer a challenge, and arm

@@ -81,6 +81,10 @@ TEST_F(CollectorExchangeTest, SidAndVidOnlyAreStoredAndArmTheNewSessionTimer) {
 }
 
 TEST_F(CollectorExchangeTest, ChallengeIsAnsweredAndItsAnswerBringsTheTokenAndRenewal) {
+  // A further headers listener hears what the delegate hears, after it.
+  std::vector<std::pair<std::size_t, HeaderMap>> heard;  // delegate calls before, headers
+  const auto listener = manager->addHeadersListener(
+      [&](const HeaderMap& headers) { heard.emplace_back(delegate->calls().size(), headers); });
   manager->startWith("app1");
   answer(commands({"sid|S1", "vid|V1", "appc|t1|42|hash|0a1b-2c", "bake|_qs3|x|T0|y|600"}));
 
@@ -120,6 +124,14 @@ TEST_F(CollectorExchangeTest, ChallengeIsAnsweredAndItsAnswerBringsTheTokenAndRe
   ASSERT_EQ(calls.size(), 2u);
   EXPECT_EQ(calls[1].kind, "newHeaders");
   EXPECT_EQ(calls[1].headers, (HeaderMap{{"X-QS-AUTHORIZATION", "3:T4"}}));
+  using Heard = std::vector<std::pair<std::size_t, HeaderMap>>;
+  EXPECT_EQ(heard, (Heard{{1, calls[0].headers}, {2, calls[1].headers}}));
+
+  manager->removeHeadersListener(listener);
+  manager->wakeup();
+  answer(commands({"bake|_qs3|x|T5|y|100"}));
+  EXPECT_EQ(delegate->calls().size(), 3u);
+  EXPECT_EQ(heard.size(), 2u);
 }
 
 TEST_F(CollectorExchangeTest, FailedRetriesFollowTheActivityType) {

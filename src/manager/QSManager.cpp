@@ -4,6 +4,8 @@
 
 #include <atomic>
 #include <mutex>
+#include <utility>
+#include <vector>
 
 #include "activity/QSUUID.h"
 #include "activity/QSUtils.h"
@@ -106,6 +108,12 @@ class QSManager::Impl {
   std::atomic<bool> forceCaptcha{false};
   std::atomic<bool> forceBlock{false};
   std::atomic<std::int64_t> blockCode{403};
+
+  // Shared so that a call under way keeps a listener alive while it runs.
+  using Listener = std::shared_ptr<const HeadersListener>;
+  std::mutex listenersMutex;
+  std::vector<std::pair<std::uint64_t, Listener>> listeners;  // guarded by listenersMutex
+  std::uint64_t nextListenerId = 1;                           // guarded by listenersMutex
 };
 
 std::shared_ptr<QSManager> QSManager::create(Platform platform, DeploymentSettings settings) {
@@ -192,11 +200,30 @@ void QSManager::handleBlockResponse(const std::shared_ptr<QSBlockResponse>& resp
   showBlockResponse(response, host);
 }
 
+std::shared_ptr<QSBlockPage> QSManager::handleBlockResponse(
+    const std::shared_ptr<QSBlockResponse>& response, ViewController& host,
+    std::shared_ptr<QSBlockPageObserver> observer) {
+  if (!response || (response->type() != QSBlockResponseTypeBlock &&
+                    response->type() != QSBlockResponseTypeCaptcha)) {
+    handleBlockResponse(response, host);
+    return nullptr;
+  }
+  impl_->log(response->type() == QSBlockResponseTypeBlock ? "----> handle Block"
+                                                          : "----> handle Captcha");
+  return presentBlockResponse(response, host, std::move(observer));
+}
+
 void QSManager::showBlockResponse(const std::shared_ptr<QSBlockResponse>& response,
                                   ViewController& host) {
+  presentBlockResponse(response, host, nullptr);
+}
+
+std::shared_ptr<QSBlockPage> QSManager::presentBlockResponse(
+    const std::shared_ptr<QSBlockResponse>& response, ViewController& host,
+    std::shared_ptr<QSBlockPageObserver> observer) {
   if (!impl_->platform.ui) {
     impl_->log("showBlockResponse - no UI is available to present the page", LogLevel::Warning);
-    return;
+    return nullptr;
   }
   std::weak_ptr<QSManager> weak = weak_from_this();
   auto controller = std::make_shared<QSWebViewController>(
@@ -210,7 +237,27 @@ void QSManager::showBlockResponse(const std::shared_ptr<QSBlockResponse>& respon
       });
   controller->setBlockResponse(response);
   controller->setDelegate(weak_from_this());
-  impl_->platform.ui->present(controller, host, /*animated=*/true);
+  controller->setObserver(std::move(observer));
+  auto page = controller->page();
+  impl_->platform.ui->present(std::move(controller), host, /*animated=*/true);
+  return page;
+}
+
+std::uint64_t QSManager::addHeadersListener(HeadersListener listener) {
+  if (!listener) return 0;
+  std::lock_guard lock(impl_->listenersMutex);
+  const std::uint64_t id = impl_->nextListenerId++;
+  impl_->listeners.emplace_back(id, std::make_shared<const HeadersListener>(std::move(listener)));
+  return id;
+}
+
+void QSManager::removeHeadersListener(std::uint64_t id) {
+  std::lock_guard lock(impl_->listenersMutex);
+  std::erase_if(impl_->listeners, [id](const auto& entry) { return entry.first == id; });
+}
+
+void QSManager::reportError(const std::string& message) {
+  impl_->managerHelper->reportError(message);
 }
 
 void QSManager::captchaSuccess() { impl_->managerHelper->sendAppActivity(QSAppStateNewSession); }
@@ -292,6 +339,22 @@ const std::shared_ptr<QSNetworkManager>& QSManagerInternals::networkManager(
     const QSManager& manager) {
   return manager.impl_->network;
 }
+void QSManagerInternals::announceHeaders(const QSManager& manager, const HeaderMap& headers) {
+  std::vector<QSManager::Impl::Listener> listeners;
+  {
+    std::lock_guard lock(manager.impl_->listenersMutex);
+    for (const auto& entry : manager.impl_->listeners) listeners.push_back(entry.second);
+  }
+  for (const auto& listener : listeners) {
+    // A listener's exception must not unwind the network thread.
+    try {
+      (*listener)(headers);
+    } catch (...) {
+      manager.impl_->log("QSManager headers listener threw", LogLevel::Error);
+    }
+  }
+}
+
 QSManagerHelper& QSManagerInternals::managerHelper(const QSManager& manager) {
   return *manager.impl_->managerHelper;
 }

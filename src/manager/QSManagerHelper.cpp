@@ -26,6 +26,9 @@ class QSManagerView final : public ManagerView {
   std::string collectorUrl() const override { return manager_.collectorUrl(); }
   HeaderMap httpHeaders() const override { return manager_.httpHeaders(); }
   std::shared_ptr<QSManagerDelegate> delegate() const override { return manager_.delegate(); }
+  void headersAnnounced(const HeaderMap& headers) const override {
+    QSManagerInternals::announceHeaders(manager_, headers);
+  }
 
  private:
   const QSManager& manager_;  // weak: reached only while the manager is alive (see create)

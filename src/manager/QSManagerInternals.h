@@ -27,6 +27,8 @@ class QSManagerInternals {
   static const std::shared_ptr<QSUUID>& uuid(const QSManager& manager);
   static const std::shared_ptr<QSNetworkManager>& networkManager(const QSManager& manager);
   static QSManagerHelper& managerHelper(const QSManager& manager);
+  // Calls the manager's headers listeners (the exchange's thread).
+  static void announceHeaders(const QSManager& manager, const HeaderMap& headers);
 };
 
 }  // namespace qs

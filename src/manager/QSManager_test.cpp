@@ -222,5 +222,53 @@ TEST_F(QSManagerTest, BlockAndCaptchaPagesArePresentedOverTheHostScreen) {
   EXPECT_TRUE(ui->isPresented(*block));
 }
 
+class RecordingPageObserver final : public QSBlockPageObserver {
+ public:
+  void captchaAttemptFailed() override { ++failedAttempts; }
+  void blockPageEnded(QSBlockPageEnd end) override { ends.push_back(end); }
+  int failedAttempts = 0;
+  std::vector<QSBlockPageEnd> ends;
+};
+
+// What an integration that waits for the page sees: failed answers, how the
+// page ended, and a handle that closes it.
+TEST_F(QSManagerTest, AnObservedPageReportsItsEndAndCanBeClosed) {
+  ViewController host;
+  auto ui = std::make_shared<fake::FakeUI>();
+  fake.ui = ui;
+  auto shown = QSManager::create(fake.platform(), settings);
+  shown->setDelegate(delegate);
+  shown->startWith("app1");
+
+  auto observer = std::make_shared<RecordingPageObserver>();
+  EXPECT_EQ(shown->handleBlockResponse(shown->checkError(Value::object()), host, observer),
+            nullptr);
+  auto captchaPage =
+      shown->handleBlockResponse(shown->checkError(blockJson("captcha")), host, observer);
+  ASSERT_NE(captchaPage, nullptr);
+  auto captcha = ui->presented().back().controller;
+  auto view = ui->contentOf(*captcha);
+  view->navigate("https://service.test/qs/captcha_callback?status=1");
+  EXPECT_EQ(observer->failedAttempts, 1);
+  EXPECT_TRUE(observer->ends.empty());
+  view->navigate("https://service.test/qs/captcha_callback?status=0");
+  EXPECT_EQ(observer->ends, std::vector<QSBlockPageEnd>{QSBlockPageEnd::CaptchaSolved});
+  captchaPage->close();  // already gone: nothing more happens
+  EXPECT_EQ(observer->ends.size(), 1u);
+
+  auto blockObserver = std::make_shared<RecordingPageObserver>();
+  auto blockPage =
+      shown->handleBlockResponse(shown->checkError(blockJson("block")), host, blockObserver);
+  ASSERT_NE(blockPage, nullptr);
+  blockPage->close();
+  EXPECT_EQ(blockObserver->ends, std::vector<QSBlockPageEnd>{QSBlockPageEnd::Closed});
+  EXPECT_TRUE(ui->presented().empty());
+
+  const std::size_t gets = fake.http->requestCount();
+  shown->reportError("backend blocked a solved request");
+  EXPECT_EQ(fake.http->requestCount(), gets + 1);
+  EXPECT_EQ(fake.http->requests().back().method, "GET");
+}
+
 }  // namespace
 }  // namespace qs::testing

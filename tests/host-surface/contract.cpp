@@ -28,6 +28,15 @@ void hostContract(qs::Platform platform, qs::DeploymentSettings settings,
   std::shared_ptr<qs::QSBlockResponse> response = shared.checkError(qs::Value::object());
   shared.handleBlockResponse(response, view);
   shared.showBlockResponse(response, view);
+  struct PageObserver final : qs::QSBlockPageObserver {
+    void blockPageEnded(qs::QSBlockPageEnd) override {}
+  };
+  if (std::shared_ptr<qs::QSBlockPage> page =
+          shared.handleBlockResponse(response, view, std::make_shared<PageObserver>())) {
+    page->close();
+  }
+  shared.removeHeadersListener(shared.addHeadersListener([](const qs::HeaderMap&) {}));
+  shared.reportError("incident");
   shared.setCustomParameters(qs::Value{{"plan", "gold"}});
   (void)shared.httpHeaders();
   shared.setHeadersForRequest(request);

@@ -17,6 +17,33 @@ struct Retired {
   std::shared_ptr<ViewController> controller;
 };
 
+// The window's own way out, whatever the window manager offers: a header
+// bar with a title and a close control, and Escape; both ask the window to
+// close, which dismisses its controller like any other close request.
+constexpr const char* kWindowTitle = "Security check";
+
+void decorate(GtkWindow* window) {
+  gtk_window_set_title(window, kWindowTitle);
+  GtkWidget* bar = gtk_header_bar_new();
+  gtk_header_bar_set_show_title_buttons(GTK_HEADER_BAR(bar), TRUE);
+  gtk_header_bar_set_decoration_layout(GTK_HEADER_BAR(bar), ":close");
+  gtk_window_set_titlebar(window, bar);
+
+  GtkEventController* keys = gtk_shortcut_controller_new();
+  gtk_shortcut_controller_set_scope(GTK_SHORTCUT_CONTROLLER(keys), GTK_SHORTCUT_SCOPE_MANAGED);
+  gtk_shortcut_controller_add_shortcut(
+      GTK_SHORTCUT_CONTROLLER(keys),
+      gtk_shortcut_new(gtk_keyval_trigger_new(GDK_KEY_Escape, GdkModifierType(0)),
+                       gtk_named_action_new("window.close")));
+  gtk_widget_add_controller(GTK_WIDGET(window), keys);
+}
+
+// Follows the page's own title while it has one.
+void onPageTitle(WebKitWebView* view, GParamSpec*, gpointer window) {
+  const char* title = webkit_web_view_get_title(view);
+  gtk_window_set_title(GTK_WINDOW(window), title && *title ? title : kWindowTitle);
+}
+
 gboolean destroyRetired(gpointer data) {
   auto* retired = static_cast<Retired*>(data);
   gtk_window_destroy(retired->window);
@@ -100,10 +127,13 @@ void GtkUI::show(Presented& entry) {
   }
   Rect frame = entry.content->frame();
   if (frame.width >= 1 && frame.height >= 1) {
-    gtk_window_set_default_size(entry.window, static_cast<int>(frame.width),
+    // The page itself gets the frame; the header bar comes on top of it.
+    gtk_widget_set_size_request(GTK_WIDGET(entry.content->widget()), static_cast<int>(frame.width),
                                 static_cast<int>(frame.height));
   }
   gtk_window_set_child(entry.window, GTK_WIDGET(entry.content->widget()));
+  g_signal_connect_object(entry.content->widget(), "notify::title", G_CALLBACK(onPageTitle),
+                          entry.window, GConnectFlags(0));
 }
 
 void GtkUI::present(std::shared_ptr<ViewController> controller, ViewController& host,
@@ -117,6 +147,7 @@ void GtkUI::present(std::shared_ptr<ViewController> controller, ViewController& 
   }
 
   auto* window = GTK_WINDOW(g_object_ref(gtk_window_new()));
+  decorate(window);
   gtk_window_set_modal(window, TRUE);
   gtk_window_set_transient_for(window, parent);
   gtk_window_set_destroy_with_parent(window, TRUE);

@@ -14,6 +14,7 @@
 #include <functional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "FakePlatform.h"
 #include "HeadlessToolkit.h"
@@ -90,6 +91,14 @@ class CountingDelegate final : public QSWebViewDelegate {
   int calls = 0;
 };
 
+class RecordingObserver final : public QSBlockPageObserver {
+ public:
+  void captchaAttemptFailed() override { ++failedAttempts; }
+  void blockPageEnded(QSBlockPageEnd end) override { ends.push_back(end); }
+  int failedAttempts = 0;
+  std::vector<QSBlockPageEnd> ends;
+};
+
 // A host window with the block/captcha controller presented over it.
 class GtkUITest : public ::testing::Test {
  protected:
@@ -114,6 +123,7 @@ class GtkUITest : public ::testing::Test {
         [] { return std::string("https://collector-APP.qs.test/api/v1/collector/mobile"); },
         [](const std::string&) {});
     controller->setDelegate(delegate);
+    controller->setObserver(observer);
     gchar* page = g_base64_encode(reinterpret_cast<const guchar*>(html.data()), html.size());
     controller->setBlockResponse(
         std::make_shared<QSBlockResponse>(Value{{"action", action}, {"page", page}}));
@@ -135,6 +145,7 @@ class GtkUITest : public ::testing::Test {
   GtkWindow* hostWindow = nullptr;
   std::unique_ptr<GtkHostViewController> host;
   std::shared_ptr<CountingDelegate> delegate = std::make_shared<CountingDelegate>();
+  std::shared_ptr<RecordingObserver> observer = std::make_shared<RecordingObserver>();
   std::shared_ptr<QSWebViewController> controller;
   WebKitWebView* webView = nullptr;
   GtkWindow* window = nullptr;
@@ -154,7 +165,53 @@ TEST_F(GtkUITest, SolvedCaptchaInThePageTellsTheDelegateAndClosesTheWindow) {
   gtk_window_destroy(std::exchange(hostWindow, nullptr));
   EXPECT_TRUE(iterateUntil([&] { return windowGone(); }));
   EXPECT_EQ(delegate->calls, 1);
+  EXPECT_EQ(observer->ends, std::vector<QSBlockPageEnd>{QSBlockPageEnd::CaptchaSolved});
   EXPECT_TRUE(fake.log->contains("Loading URL :https://qs.test/qs/captcha_callback?status=0"));
+}
+
+// The window names itself and offers its own ways out: the header bar's
+// close control (the window's "window.close" action) and Escape.
+TEST_F(GtkUITest, PageWindowHasATitleAndClosesByItsControlOrEscape) {
+  present("block", "<html><head><title>Access check</title></head><body>blocked</body></html>");
+  EXPECT_STREQ(gtk_window_get_title(window), "Security check");
+  GtkWidget* bar = gtk_window_get_titlebar(window);
+  ASSERT_TRUE(GTK_IS_HEADER_BAR(bar));
+  EXPECT_TRUE(gtk_header_bar_get_show_title_buttons(GTK_HEADER_BAR(bar)));
+  // The page's own title replaces the default once it has loaded.
+  EXPECT_TRUE(
+      iterateUntil([&] { return std::string(gtk_window_get_title(window)) == "Access check"; }));
+  ASSERT_TRUE(gtk_widget_activate_action(GTK_WIDGET(window), "window.close", nullptr));
+  EXPECT_TRUE(iterateUntil([&] { return windowGone(); }));
+  EXPECT_EQ(observer->ends, std::vector<QSBlockPageEnd>{QSBlockPageEnd::Closed});
+
+  observer = std::make_shared<RecordingObserver>();
+  present("captcha", "<p>captcha</p>");
+  // Escape is bound to the same action.
+  GListModel* controllers = gtk_widget_observe_controllers(GTK_WIDGET(window));
+  GtkShortcutAction* escape = nullptr;
+  GtkShortcutTrigger* wanted = gtk_keyval_trigger_new(GDK_KEY_Escape, GdkModifierType(0));
+  for (guint i = 0; i < g_list_model_get_n_items(controllers) && !escape; ++i) {
+    auto* item = static_cast<GObject*>(g_list_model_get_item(controllers, i));
+    if (GTK_IS_SHORTCUT_CONTROLLER(item)) {
+      auto* shortcuts = G_LIST_MODEL(item);
+      for (guint j = 0; j < g_list_model_get_n_items(shortcuts) && !escape; ++j) {
+        auto* shortcut = static_cast<GtkShortcut*>(g_list_model_get_item(shortcuts, j));
+        if (gtk_shortcut_trigger_equal(gtk_shortcut_get_trigger(shortcut), wanted)) {
+          escape = gtk_shortcut_get_action(shortcut);
+        }
+        g_object_unref(shortcut);
+      }
+    }
+    g_object_unref(item);
+  }
+  g_object_unref(wanted);
+  g_object_unref(controllers);
+  ASSERT_NE(escape, nullptr);
+  ASSERT_TRUE(
+      gtk_shortcut_action_activate(escape, GtkShortcutActionFlags(0), GTK_WIDGET(window), nullptr));
+  EXPECT_TRUE(iterateUntil([&] { return windowGone(); }));
+  EXPECT_EQ(observer->ends, std::vector<QSBlockPageEnd>{QSBlockPageEnd::Closed});
+  EXPECT_EQ(delegate->calls, 0);
 }
 
 TEST_F(GtkUITest, FailedCaptchaReloadsThePageWhichSeesTheLibraryUserAgent) {
@@ -165,6 +222,8 @@ TEST_F(GtkUITest, FailedCaptchaReloadsThePageWhichSeesTheLibraryUserAgent) {
   // A second callback can only come from the page loaded again.
   ASSERT_TRUE(iterateUntil([&] { return fake.log->count("captchaSuccess --> status: 1") >= 2; }));
   EXPECT_EQ(delegate->calls, 0);
+  EXPECT_GE(observer->failedAttempts, 2);
+  EXPECT_TRUE(observer->ends.empty());
   EXPECT_FALSE(windowGone());
   EXPECT_TRUE(
       fake.log->contains("Loading URL :https://qs.test/qs/captcha_callback?status=1&ua="
