@@ -54,6 +54,7 @@ HttpOutcome BackendService::orders(const BackendRequest& request) const {
     reason = "authorization is neither \"1\" nor a level-3 token";
   }
 
+  if (auto scripted = scenario(request, check, reason, autosolve, now)) return *scripted;
   if (request.simulate == "block" || request.simulate == "captcha") {
     return deny(request.simulate, "X-QS-SIMULATE: " + request.simulate, check.claims, autosolve,
                 now);
@@ -70,6 +71,41 @@ HttpOutcome BackendService::orders(const BackendRequest& request) const {
   outcome.body = SandboxCodec::dumpJson(Value{{"orders", orderList()}});
   outcome.event = {{"ts", now},        {"event", "backend"},          {"decision", "allow"},
                    {"reason", reason}, {"appId", check.claims.appId}, {"vid", check.claims.vid}};
+  return outcome;
+}
+
+std::optional<HttpOutcome> BackendService::scenario(const BackendRequest& request,
+                                                    const TokenCheck& check,
+                                                    const std::string& reason, bool autosolve,
+                                                    double now) const {
+  const std::string& name = request.challenge;
+  if (name.empty()) return std::nullopt;
+  HttpOutcome outcome;
+  if (name == "always") {
+    outcome = deny("captcha", "scenario: always", check.claims, autosolve, now);
+  } else if (name == "block") {
+    outcome = deny("block", "scenario: block", check.claims, autosolve, now);
+  } else if (name == "once") {
+    if (check.status != TokenStatus::Valid) return std::nullopt;
+    bool first = false;
+    {
+      std::lock_guard lock(mutex_);
+      auto [it, inserted] = firstTokens_.try_emplace(request.scenarioKey, *request.authorization);
+      first = it->second == *request.authorization;
+    }
+    if (!first) return std::nullopt;
+    outcome = deny("captcha", "scenario: once", check.claims, autosolve, now);
+  } else if (name == "badjson" || name == "badpage" || name == "plain") {
+    outcome.status = 403;
+    outcome.body = name == "badjson" ? std::string("{\"action\": \"captcha\", \"page\": ")
+                   : name == "badpage"
+                       ? SandboxCodec::dumpJson(Value{{"action", "captcha"}, {"page", "%%%"}})
+                       : std::string("{\"error\":\"forbidden\"}");
+    outcome.event = {{"ts", now}, {"event", "backend"}, {"decision", name}, {"reason", reason}};
+  } else {
+    return std::nullopt;
+  }
+  outcome.event["case"] = request.scenarioKey;
   return outcome;
 }
 

@@ -36,7 +36,7 @@ class BackendServiceTest : public ::testing::Test {
 };
 
 TEST_F(BackendServiceTest, ValidTokenGetsTheOrders) {
-  const HttpOutcome o = backend.orders({token(), "", false});
+  const HttpOutcome o = backend.orders({token(), "", false, "", ""});
   EXPECT_EQ(o.status, 200);
   EXPECT_FALSE(Value::parse(o.body).at("orders").empty());
   EXPECT_EQ(o.event["decision"], "allow");
@@ -51,7 +51,7 @@ TEST_F(BackendServiceTest, MissingOrInvalidTokensGetTheCaptchaPage) {
       std::nullopt, "1", "", tampered, "2:" + valid.substr(2), valid.substr(2), "3:garbage"};
   for (const auto& authorization : cases) {
     std::string page;
-    const Value json = blockAnswer(backend.orders({authorization, "", false}), page);
+    const Value json = blockAnswer(backend.orders({authorization, "", false, "", ""}), page);
     EXPECT_EQ(json["action"], "captcha") << authorization.value_or("(none)");
     EXPECT_NE(page.find(BlockPage::kCallbackPath), std::string::npos);
     EXPECT_NE(page.find("<button"), std::string::npos);
@@ -60,7 +60,7 @@ TEST_F(BackendServiceTest, MissingOrInvalidTokensGetTheCaptchaPage) {
 
   now += 600;  // the token's expiry second
   std::string page;
-  const HttpOutcome expired = backend.orders({valid, "", true});
+  const HttpOutcome expired = backend.orders({valid, "", true, "", ""});
   const Value json = blockAnswer(expired, page);
   EXPECT_EQ(json["action"], "captcha");
   EXPECT_EQ(json["vid"], "v-1");
@@ -73,18 +73,50 @@ TEST_F(BackendServiceTest, MissingOrInvalidTokensGetTheCaptchaPage) {
 
 TEST_F(BackendServiceTest, SimulatedBlocksAndCaptchasOverrideAValidToken) {
   std::string page;
-  Value json = blockAnswer(backend.orders({token(), "block", false}), page);
+  Value json = blockAnswer(backend.orders({token(), "block", false, "", ""}), page);
   EXPECT_EQ(json["action"], "block");
   EXPECT_EQ(page.find("<button"), std::string::npos);
   EXPECT_EQ(page.find(BlockPage::kCallbackPath), std::string::npos);
   EXPECT_NE(page.find(json["uuid"].get<std::string>()), std::string::npos);
 
-  json = blockAnswer(backend.orders({token(), "captcha", false}), page);
+  json = blockAnswer(backend.orders({token(), "captcha", false, "", ""}), page);
   EXPECT_EQ(json["action"], "captcha");
 
   // A token baked while the collector was asked to simulate.
-  json = blockAnswer(backend.orders({token("block"), "", false}), page);
+  json = blockAnswer(backend.orders({token("block"), "", false, "", ""}), page);
   EXPECT_EQ(json["action"], "block");
+}
+
+TEST_F(BackendServiceTest, TestScenariosChallengeOnceAlwaysOrAnswerBadly) {
+  const std::string first = token();
+  now += 1;
+  const std::string fresh = token();
+  auto request = [](std::string authorization, std::string challenge, std::string key) {
+    return BackendRequest{std::move(authorization), "", false, std::move(challenge),
+                          std::move(key)};
+  };
+  std::string page;
+  // "once": the first token of a case is challenged, every time it comes
+  // back; a new token passes; another case starts afresh.
+  EXPECT_EQ(blockAnswer(backend.orders(request(first, "once", "a")), page)["action"], "captcha");
+  EXPECT_EQ(backend.orders(request(first, "once", "a")).status, 403);
+  EXPECT_EQ(backend.orders(request(fresh, "once", "a")).status, 200);
+  EXPECT_EQ(backend.orders(request(fresh, "once", "b")).status, 403);
+  EXPECT_EQ(blockAnswer(backend.orders(request(fresh, "always", "")), page)["action"], "captcha");
+  EXPECT_EQ(blockAnswer(backend.orders(request(fresh, "block", "")), page)["action"], "block");
+
+  for (const char* bad : {"badjson", "badpage", "plain"}) {
+    const HttpOutcome o = backend.orders(request(fresh, bad, "c"));
+    EXPECT_EQ(o.status, 403) << bad;
+    EXPECT_EQ(o.event["case"], "c");
+    const Value json = Value::parse(o.body, nullptr, false);
+    const bool service =
+        !json.is_discarded() && QSBlockResponse(json).type() != QSBlockResponseTypeForeign;
+    EXPECT_EQ(service, std::string(bad) == "badpage") << bad;
+    if (service) {
+      EXPECT_EQ(QSBlockResponse(json).pageHtml(), "");
+    }
+  }
 }
 
 }  // namespace
