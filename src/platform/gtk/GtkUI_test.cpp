@@ -4,12 +4,7 @@
 #include "GtkWebView.h"
 
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <signal.h>
-#include <sys/prctl.h>
-#include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <string>
@@ -17,7 +12,7 @@
 #include <vector>
 
 #include "FakePlatform.h"
-#include "HeadlessToolkit.h"
+#include "XvfbDisplay.h"
 #include "block/QSWebViewController.h"
 
 namespace qs {
@@ -25,64 +20,10 @@ namespace {
 
 constexpr const char* kLibraryUA = "QuarrystoneTest/1.0 (X11; Scale/1.00)";
 
-// Starts Xvfb on a free display when none is set, then initialises GTK.
-class DisplayEnvironment final : public ::testing::Environment {
- public:
-  void SetUp() override {
-    test::applyHeadlessToolkitEnvironment();
-    if (std::getenv("DISPLAY") == nullptr && std::getenv("WAYLAND_DISPLAY") == nullptr) {
-      startXvfb();
-    }
-    ASSERT_TRUE(gtk_init_check()) << "no usable display";
-    // A critical message is a programming error somewhere in the toolkit's
-    // use: stop the test there.
-    g_log_set_always_fatal(static_cast<GLogLevelFlags>(G_LOG_FATAL_MASK | G_LOG_LEVEL_CRITICAL));
-  }
+const auto* const kDisplay = ::testing::AddGlobalTestEnvironment(new test::XvfbDisplay);
 
- private:
-  void startXvfb() {
-    int fds[2];
-    ASSERT_EQ(pipe(fds), 0);
-    std::string fd = std::to_string(fds[1]);
-    const char* argv[] = {"Xvfb",        "-displayfd", fd.c_str(), "-screen", "0",
-                          "1024x768x24", "-nolisten",  "tcp",      nullptr};
-    // Forked before GTK starts any thread. The server ends with this process
-    // (killing it any earlier makes the toolkit exit on a lost display).
-    pid_t xvfb = fork();
-    ASSERT_GE(xvfb, 0);
-    if (xvfb == 0) {
-      close(fds[0]);
-      prctl(PR_SET_PDEATHSIG, SIGTERM);
-      execvp("Xvfb", const_cast<char**>(argv));
-      _exit(127);
-    }
-    close(fds[1]);
-    // Xvfb writes its display number once it accepts connections.
-    std::string number;
-    pollfd p{fds[0], POLLIN, 0};
-    char c;
-    while (poll(&p, 1, 15000) == 1 && read(fds[0], &c, 1) == 1 && c != '\n') number += c;
-    close(fds[0]);
-    ASSERT_FALSE(number.empty()) << "Xvfb did not start";
-    setenv("DISPLAY", (":" + number).c_str(), 1);
-  }
-};
-
-const auto* const kDisplay = ::testing::AddGlobalTestEnvironment(new DisplayEnvironment);
-
-// Runs the GTK main context until `done` holds or `seconds` have passed.
 bool iterateUntil(const std::function<bool()>& done, unsigned seconds = 30) {
-  bool expired = false;
-  guint timeout = g_timeout_add_seconds(
-      seconds,
-      [](gpointer flag) {
-        *static_cast<bool*>(flag) = true;
-        return G_SOURCE_REMOVE;
-      },
-      &expired);
-  while (!done() && !expired) g_main_context_iteration(nullptr, TRUE);
-  if (!expired) g_source_remove(timeout);
-  return done();
+  return test::iterateUntil(done, seconds);
 }
 
 class CountingDelegate final : public QSWebViewDelegate {
