@@ -3,11 +3,12 @@
 include(CMakePackageConfigHelpers)
 
 # The GTK headers belong to the optional web view component.
+# The GTK and HTTP headers belong to the optional web view and HTTP components.
 if(TARGET quarrystone_gtk)
   install(DIRECTORY include/quarrystone DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 else()
   install(DIRECTORY include/quarrystone DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
-          PATTERN gtk EXCLUDE)
+          PATTERN gtk EXCLUDE PATTERN http EXCLUDE)
 endif()
 # The adapters' public headers live in their own include roots (so that the
 # core's include path does not reach them) and install beside the others.
@@ -17,7 +18,7 @@ install(DIRECTORY src/platform/fake/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/qua
         FILES_MATCHING PATTERN "*.h")
 set(qs_install_targets quarrystone quarrystone_shared quarrystone_fake)
 if(TARGET quarrystone_gtk)
-  list(APPEND qs_install_targets quarrystone_gtk)
+  list(APPEND qs_install_targets quarrystone_gtk quarrystone_http)
 endif()
 install(TARGETS ${qs_install_targets} EXPORT QuarrystoneTargets
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
@@ -55,7 +56,7 @@ else()
 endif()
 set(qs_pc_files quarrystone)
 if(TARGET quarrystone_gtk)
-  list(APPEND qs_pc_files quarrystone-gtk)
+  list(APPEND qs_pc_files quarrystone-gtk quarrystone-http)
 endif()
 foreach(pc ${qs_pc_files})
   configure_file(${PROJECT_SOURCE_DIR}/cmake/${pc}.pc.in ${PROJECT_BINARY_DIR}/${pc}.pc @ONLY)
