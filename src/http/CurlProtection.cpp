@@ -53,6 +53,7 @@ class CurlTransport final : public Transport, public std::enable_shared_from_thi
     busy_ = true;
     auto* job = new Job{shared_from_this(), std::move(done)};
     GTask* task = g_task_new(nullptr, nullptr, onTransferred, job);
+    g_task_set_task_data(task, job, nullptr);  // the callback frees it
     g_task_run_in_thread(task, [](GTask*, gpointer, gpointer data, GCancellable*) {
       static_cast<Job*>(data)->transport->transfer();
     });

@@ -1,0 +1,303 @@
+// The libcurl helper against the sandbox's blocking backend over loopback
+// HTTPS, with the pages in the real web view under Xvfb.
+#include "quarrystone/http/CurlProtection.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <thread>
+
+#include "SandboxProcess.h"
+#include "XvfbDisplay.h"
+#include "quarrystone/LinuxPlatform.h"
+#include "quarrystone/QSManager.h"
+#include "quarrystone/gtk/GtkUI.h"
+
+namespace qs::http {
+namespace {
+
+using testing::SandboxProcess;
+using testing::TempDir;
+
+const auto* const kDisplay = ::testing::AddGlobalTestEnvironment(new test::XvfbDisplay);
+
+class ReadyDelegate final : public QSManagerDelegate {
+ public:
+  void managerReady(const HeaderMap&) override { ready = true; }
+  void newHeaders(const HeaderMap&) override {}
+  std::atomic<bool> ready{false};
+};
+
+// One response as the host's sinks saw it.
+struct Reply {
+  CurlResult result;
+  std::string headers;
+  std::string body;
+};
+
+// One sandbox, one started manager with the GTK UI, one host window for the
+// whole suite: each case keys its backend requests with its own "case".
+class CurlProtectionTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    dir = new TempDir;
+    sandbox = new SandboxProcess(dir->path(), {});
+    ASSERT_NE(sandbox->port(), 0) << sandbox->output();
+    const auto settings = sandbox->settings((dir->path() / "store.sqlite").string());
+    LinuxPlatformOptions options;
+    options.bundle = {"1.0", "curl-host", "com.example.curl-host", {"en"}};
+    options.hostContext = g_main_context_default();
+    Platform platform = makeLinuxPlatform(settings, options);
+    platform.ui = makeGtkUI(platform.store);
+    manager = new std::shared_ptr<QSManager>(QSManager::create(platform, settings));
+    delegate = new std::shared_ptr<ReadyDelegate>(std::make_shared<ReadyDelegate>());
+    (*manager)->setDelegate(*delegate);
+    (*manager)->startWith("curlapp");
+    window = GTK_WINDOW(g_object_ref_sink(gtk_window_new()));
+    gtk_window_present(window);
+    ASSERT_TRUE(test::iterateUntil([] { return (*delegate)->ready.load(); }));
+  }
+  static void TearDownTestSuite() {
+    gtk_window_destroy(window);
+    g_object_unref(window);
+    delete sandbox;
+    delete dir;
+    // The manager and its delegate stay: the platform's threads may still
+    // run until the process ends.
+  }
+
+  static std::shared_ptr<Protection> protection(
+      std::chrono::milliseconds deadline = std::chrono::minutes(5)) {
+    return Protection::create(**manager, window, {{"localhost"}, deadline});
+  }
+
+  // The request as a host sets it up: URL and body on the handle, its own
+  // header list and sinks handed over.
+  static CurlRequest request(CURL* easy, Reply& reply, const std::string& url,
+                             const char* postBody = nullptr) {
+    curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(easy, CURLOPT_CAINFO, sandbox->caFile().c_str());
+    if (postBody != nullptr) curl_easy_setopt(easy, CURLOPT_COPYPOSTFIELDS, postBody);
+    CurlRequest r;
+    r.easy = easy;
+    r.onBody = [&reply](const char* data, std::size_t size) {
+      reply.body.append(data, size);
+      return size;
+    };
+    r.onHeader = [&reply](const char* data, std::size_t size) {
+      reply.headers.append(data, size);
+      return size;
+    };
+    return r;
+  }
+
+  // The blocking form on a host worker thread while this (GTK) thread
+  // serves the pages.
+  static Reply performOnWorker(const std::shared_ptr<Protection>& p, const std::string& url,
+                               const char* postBody = nullptr) {
+    Reply reply;
+    CURL* easy = curl_easy_init();
+    CurlRequest r = request(easy, reply, url, postBody);
+    std::atomic<bool> finished{false};
+    std::thread worker([&] {
+      reply.result = perform(p, std::move(r));
+      finished = true;
+      g_main_context_wakeup(nullptr);
+    });
+    EXPECT_TRUE(test::iterateUntil([&] { return finished.load(); }, 90));
+    worker.join();
+    curl_easy_cleanup(easy);
+    return reply;
+  }
+
+  static std::string backend(const std::string& query) {
+    return sandbox->url("/api/orders?" + query);
+  }
+  // The backend requests of one case, in order.
+  static std::vector<Value> caseEvents(const std::string& name) {
+    std::vector<Value> out;
+    for (const auto& e : sandbox->events()) {
+      if (e.value("event", "") == "backend" && e.value("case", "") == name) out.push_back(e);
+    }
+    return out;
+  }
+  // The page window shown over the host window, if any (a new reference).
+  static GtkWindow* pageWindow() {
+    GListModel* toplevels = gtk_window_get_toplevels();
+    GtkWindow* found = nullptr;
+    for (guint i = 0; i < g_list_model_get_n_items(toplevels) && !found; ++i) {
+      auto* w = static_cast<GtkWindow*>(g_list_model_get_item(toplevels, i));
+      if (gtk_window_get_transient_for(w) == window && gtk_widget_get_visible(GTK_WIDGET(w))) {
+        found = w;
+      } else {
+        g_object_unref(w);
+      }
+    }
+    return found;
+  }
+
+  static TempDir* dir;
+  static SandboxProcess* sandbox;
+  static std::shared_ptr<QSManager>* manager;
+  static std::shared_ptr<ReadyDelegate>* delegate;
+  static GtkWindow* window;
+};
+
+TempDir* CurlProtectionTest::dir = nullptr;
+SandboxProcess* CurlProtectionTest::sandbox = nullptr;
+std::shared_ptr<QSManager>* CurlProtectionTest::manager = nullptr;
+std::shared_ptr<ReadyDelegate>* CurlProtectionTest::delegate = nullptr;
+GtkWindow* CurlProtectionTest::window = nullptr;
+
+TEST_F(CurlProtectionTest, TokenGoesOnlyToDeclaredHostsAndOtherAnswersPassUntouched) {
+  auto p = protection();
+  Reply allowed = performOnWorker(p, backend("case=allowed"));
+  EXPECT_EQ(allowed.result.outcome, Outcome::Allowed) << allowed.result.detail;
+  EXPECT_EQ(allowed.result.status, 200);
+  EXPECT_NE(allowed.body.find("\"orders\""), std::string::npos);
+  EXPECT_NE(allowed.headers.find("HTTP/1.1 200"), std::string::npos);
+
+  // Another host: no header, and its captcha answer is not handled.
+  const std::string foreign =
+      "https://127.0.0.1:" + std::to_string(sandbox->port()) + "/api/orders?case=foreign";
+  Reply other = performOnWorker(p, foreign);
+  EXPECT_EQ(other.result.outcome, Outcome::PassedThrough);
+  EXPECT_EQ(other.result.status, 403);
+  EXPECT_NE(other.body.find("\"captcha\""), std::string::npos);
+
+  // Refusals that are not the service's block, or are broken, reach the host
+  // as they came.
+  for (const char* kind : {"plain", "badjson", "badpage"}) {
+    Reply bad = performOnWorker(p, backend(std::string("challenge=") + kind + "&case=" + kind));
+    EXPECT_EQ(bad.result.outcome, Outcome::PassedThrough) << kind;
+    EXPECT_EQ(bad.result.status, 403) << kind;
+    EXPECT_FALSE(bad.body.empty()) << kind;
+    EXPECT_EQ(caseEvents(kind).size(), 1u) << kind;
+  }
+  GtkWindow* page = pageWindow();
+  EXPECT_EQ(page, nullptr);
+  if (page) g_object_unref(page);
+
+  auto a = caseEvents("allowed");
+  ASSERT_EQ(a.size(), 1u);
+  EXPECT_EQ(a[0]["authorization"].get<std::string>().rfind("3:", 0), 0u);
+  auto f = caseEvents("foreign");
+  ASSERT_EQ(f.size(), 1u);
+  EXPECT_TRUE(f[0]["authorization"].is_null());
+  EXPECT_EQ(f[0]["host"].get<std::string>().rfind("127.0.0.1", 0), 0u);
+}
+
+TEST_F(CurlProtectionTest, SolvedCaptchaSendsTheRequestOnceMoreWithTheNewToken) {
+  Reply reply =
+      performOnWorker(protection(), backend("challenge=once&case=solve&autosolve=1"), "qty=2");
+  EXPECT_EQ(reply.result.outcome, Outcome::CaptchaSolved) << reply.result.detail;
+  EXPECT_EQ(reply.result.status, 200);
+  // The host sees the retried request's answer only.
+  EXPECT_NE(reply.body.find("\"orders\""), std::string::npos);
+  EXPECT_EQ(reply.body.find("captcha"), std::string::npos);
+  auto events = caseEvents("solve");
+  ASSERT_EQ(events.size(), 2u);
+  EXPECT_EQ(events[0]["decision"], "captcha");
+  EXPECT_EQ(events[1]["decision"], "allow");
+  EXPECT_NE(events[0]["authorization"], events[1]["authorization"]);
+  for (const auto& e : events) {
+    EXPECT_EQ(e["method"], "POST");
+    EXPECT_EQ(e["body"], "qty=2");
+  }
+}
+
+TEST_F(CurlProtectionTest, BackendBlockingAgainAfterASolveStopsTheLoopAndIsReported) {
+  Reply reply;
+  CURL* easy = curl_easy_init();
+  CurlRequest r = request(easy, reply, backend("challenge=always&case=loop&autosolve=1"));
+  std::optional<CurlResult> result;
+  performAsync(protection(), std::move(r), [&](CurlResult done) { result = std::move(done); });
+  ASSERT_TRUE(test::iterateUntil([&] { return result.has_value(); }, 90));
+  curl_easy_cleanup(easy);
+  EXPECT_EQ(result->outcome, Outcome::LoopStopped) << result->detail;
+  EXPECT_EQ(result->status, 403);
+  EXPECT_NE(reply.body.find("\"captcha\""), std::string::npos);
+  EXPECT_EQ(caseEvents("loop").size(), 2u);
+  EXPECT_TRUE(sandbox->waitForEvents(
+      [](const Value& e) {
+        return e.value("event", "") == "client_error" &&
+               e.dump().find("blocked again after a solved captcha") != std::string::npos;
+      },
+      1, 20));
+}
+
+TEST_F(CurlProtectionTest, PagesEndByTheUserTheDeadlineOrAsABlock) {
+  // Closed by the user: the block answer comes back, nothing is retried.
+  Reply closed;
+  CURL* easy = curl_easy_init();
+  std::optional<CurlResult> result;
+  performAsync(protection(), request(easy, closed, backend("challenge=always&case=close")),
+               [&](CurlResult done) { result = std::move(done); });
+  GtkWindow* page = nullptr;
+  ASSERT_TRUE(test::iterateUntil([&] { return (page = pageWindow()) != nullptr; }));
+  EXPECT_TRUE(gtk_widget_activate_action(GTK_WIDGET(page), "window.close", nullptr));
+  g_object_unref(page);
+  ASSERT_TRUE(test::iterateUntil([&] { return result.has_value(); }));
+  curl_easy_cleanup(easy);
+  EXPECT_EQ(result->outcome, Outcome::ClosedByUser) << result->detail;
+  EXPECT_EQ(result->status, 403);
+  EXPECT_NE(closed.body.find("\"captcha\""), std::string::npos);
+  EXPECT_EQ(caseEvents("close").size(), 1u);
+
+  // The deadline closes the page itself.
+  Reply late = performOnWorker(protection(std::chrono::milliseconds(1500)),
+                               backend("challenge=always&case=deadline"));
+  EXPECT_EQ(late.result.outcome, Outcome::TimedOut);
+  EXPECT_EQ(late.result.status, 403);
+  EXPECT_TRUE(test::iterateUntil([] {
+    GtkWindow* w = pageWindow();
+    if (w) g_object_unref(w);
+    return w == nullptr;
+  }));
+
+  // A block page stays up for the host to take down; the call returns at once.
+  Reply blocked = performOnWorker(protection(), backend("challenge=block&case=block"));
+  EXPECT_EQ(blocked.result.outcome, Outcome::Blocked);
+  EXPECT_NE(blocked.body.find("\"block\""), std::string::npos);
+  ASSERT_TRUE(test::iterateUntil([&] { return (page = pageWindow()) != nullptr; }));
+  gtk_window_close(page);
+  g_object_unref(page);
+}
+
+TEST_F(CurlProtectionTest, AStreamedBodyIsNotSentTwiceAndTheGtkThreadIsRefused) {
+  auto p = protection();
+  Reply reply;
+  CURL* easy = curl_easy_init();
+  CurlRequest r = request(easy, reply, backend("challenge=once&case=stream&autosolve=1"));
+  std::string body = "streamed=1";
+  std::size_t offset = 0;
+  curl_easy_setopt(easy, CURLOPT_UPLOAD, 1L);
+  curl_easy_setopt(easy, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(body.size()));
+  r.read = [&](char* buffer, std::size_t size) {
+    std::size_t n = std::min(size, body.size() - offset);
+    std::memcpy(buffer, body.data() + offset, n);
+    offset += n;
+    return n;
+  };
+  std::optional<CurlResult> result;
+  performAsync(p, std::move(r), [&](CurlResult done) { result = std::move(done); });
+  ASSERT_TRUE(test::iterateUntil([&] { return result.has_value(); }, 90));
+  EXPECT_EQ(result->outcome, Outcome::NotReplayable) << result->detail;
+  EXPECT_EQ(result->status, 403);
+  auto events = caseEvents("stream");
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(events[0]["method"], "PUT");
+  EXPECT_EQ(events[0]["body"], "streamed=1");
+
+  // The blocking form on the thread that shows the pages would wait forever.
+  Reply refused;
+  CurlResult onGtk = perform(p, request(easy, refused, backend("case=refused")));
+  curl_easy_cleanup(easy);
+  EXPECT_EQ(onGtk.outcome, Outcome::Failed);
+  EXPECT_NE(onGtk.detail.find("GTK thread"), std::string::npos);
+  EXPECT_TRUE(caseEvents("refused").empty());
+}
+
+}  // namespace
+}  // namespace qs::http
