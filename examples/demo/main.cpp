@@ -20,12 +20,14 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "DemoBackend.h"
 #include "quarrystone/Quarrystone.h"
 #include "quarrystone/gtk/GtkUI.h"
+#include "quarrystone/http/CurlProtection.h"
 
 namespace {
 
@@ -238,21 +240,55 @@ int main(int argc, char** argv) {
   check(waitFor([&] { return delegate->newHeadersCount() > before; }, options.timeout),
         "newHeaders: " + describe(delegate->lastHeaders()));
 
-  auto blocked = backend(options.interactive ? "" : "?autosolve=1");
-  check(blocked.status == manager.blockCode(),
-        "backend blocks the request: HTTP " + std::to_string(blocked.status));
-  qs::Value body = qs::Value::parse(blocked.body, nullptr, false);
-  auto block = manager.checkError(body.is_discarded() ? qs::Value::object() : body);
-  check(block->type() == qs::QSBlockResponseTypeCaptcha, "checkError: a captcha response");
-
-  before = delegate->newHeadersCount();
-  timeline.say(options.interactive ? "the captcha page is shown: solve it in the window"
-                                   : "the captcha page is shown and solves itself");
-  manager.handleBlockResponse(block, host);
-  double captchaWait = options.interactive ? 600 : options.timeout;
-  check(waitFor([&] { return delegate->newHeadersCount() > before; }, captchaWait),
-        "captcha solved, newHeaders: " + describe(delegate->lastHeaders()));
+  // The debug flags go again (they would make every later token a simulated
+  // one); the sandbox backend challenges the next call itself.
   manager.resetDebugSettings();
+
+  // The host's own call, protected in one step: the library adds the header,
+  // recognises the block answer, shows the captcha over the window, waits
+  // for the solve and the fresh token, and sends the request again.
+  GUri* backendUri = g_uri_parse(options.backend.c_str(), G_URI_FLAGS_NONE, nullptr);
+  qs::http::ProtectionSettings protectionSettings;
+  protectionSettings.domains = {
+      backendUri && g_uri_get_host(backendUri) ? g_uri_get_host(backendUri) : ""};
+  if (backendUri) g_uri_unref(backendUri);
+  const double captchaWait = options.interactive ? 600 : options.timeout;
+  protectionSettings.deadline = std::chrono::milliseconds(static_cast<long>(captchaWait * 1000));
+  auto protection =
+      qs::http::Protection::create(manager, GTK_WINDOW(window), std::move(protectionSettings));
+
+  // "challenge=once": the sandbox backend challenges the token it sees first
+  // for this case and lets any later one through.
+  const std::string url =
+      options.backend + "?challenge=once&case=demo" + (options.interactive ? "" : "&autosolve=1");
+  std::string body;
+  CURL* easy = curl_easy_init();
+  curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
+  curl_easy_setopt(easy, CURLOPT_TIMEOUT, 10L);
+  if (!settings.caFile.empty()) curl_easy_setopt(easy, CURLOPT_CAINFO, settings.caFile.c_str());
+  qs::http::CurlRequest request;
+  request.easy = easy;
+  request.onBody = [&body](const char* data, std::size_t size) {
+    body.append(data, size);
+    return size;
+  };
+  before = delegate->newHeadersCount();
+  timeline.say(options.interactive
+                   ? "protected backend call: solve the captcha shown in the window"
+                   : "protected backend call: the captcha is shown and solves itself");
+  std::optional<qs::http::CurlResult> result;
+  qs::http::performAsync(protection, std::move(request),
+                         [&result](qs::http::CurlResult done) { result = std::move(done); });
+  waitFor([&] { return result.has_value(); }, captchaWait + 30);
+  curl_easy_cleanup(easy);
+  const bool solved = result && result->outcome == qs::http::Outcome::CaptchaSolved &&
+                      result->status == 200 && body.find("\"orders\"") != std::string::npos;
+  check(solved, std::string("protected call: outcome ") +
+                    (result ? qs::http::outcomeName(result->outcome) : "none") + ", HTTP " +
+                    std::to_string(result ? result->status : 0) +
+                    (result && !result->detail.empty() ? " (" + result->detail + ")" : ""));
+  check(delegate->newHeadersCount() > before,
+        "captcha solved, newHeaders: " + describe(delegate->lastHeaders()));
 
   auto again = backend("");
   check(again.status == 200, "backend with the fresh token: HTTP " + std::to_string(again.status));
