@@ -9,13 +9,18 @@ else()
   install(DIRECTORY include/quarrystone DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
           PATTERN gtk EXCLUDE)
 endif()
+# The C interface's headers sit at the include root, as C libraries' do.
+install(FILES include/quarrystone.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+if(TARGET quarrystone_gtk)
+  install(FILES include/quarrystone_gtk.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+endif()
 # The adapters' public headers live in their own include roots (so that the
 # core's include path does not reach them) and install beside the others.
 install(DIRECTORY src/platform/portable/include/ src/platform/linux/include/
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(DIRECTORY src/platform/fake/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quarrystone/fake
         FILES_MATCHING PATTERN "*.h")
-set(qs_install_targets quarrystone quarrystone_shared quarrystone_fake)
+set(qs_install_targets quarrystone quarrystone_shared quarrystone_c quarrystone_fake)
 if(TARGET quarrystone_gtk)
   list(APPEND qs_install_targets quarrystone_gtk)
 endif()
@@ -53,7 +58,7 @@ if(IS_ABSOLUTE "${CMAKE_INSTALL_INCLUDEDIR}")
 else()
   set(QS_PC_INCLUDEDIR "\${prefix}/${CMAKE_INSTALL_INCLUDEDIR}")
 endif()
-set(qs_pc_files quarrystone)
+set(qs_pc_files quarrystone quarrystone-c)
 if(TARGET quarrystone_gtk)
   list(APPEND qs_pc_files quarrystone-gtk)
 endif()
