@@ -216,12 +216,16 @@ qs_status_t qs_platform_options_set_log(qs_platform_options_t* options, qs_log_f
                                         void* user_data, qs_log_level_t level) {
   return guarded(__func__, [&] {
     require(options, "options");
-    if (level < QS_LOG_DEBUG || level > QS_LOG_ERROR) {
+    // A C caller may pass any int: read it as one before trusting the enum.
+    int raw = 0;
+    static_assert(sizeof raw == sizeof level);
+    std::memcpy(&raw, &level, sizeof raw);
+    if (raw < QS_LOG_DEBUG || raw > QS_LOG_ERROR) {
       throw qs::c::CallError(QS_ERROR_INVALID_ARGUMENT, "unknown log level");
     }
     options->options.log =
         sink ? std::make_shared<qs::c::CallbackLog>(sink, user_data) : std::shared_ptr<qs::Log>();
-    options->options.logLevel = static_cast<qs::LogLevel>(level);
+    options->options.logLevel = static_cast<qs::LogLevel>(raw);
     return QS_OK;
   });
 }
