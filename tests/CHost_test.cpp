@@ -1,11 +1,14 @@
-// The C host example (examples/c-host) against the sandbox: it gets a
-// level-3 token through the C interface, and the custom parameters it sets
-// as JSON text reach the collector inside its activities.
+// C hosts against the sandbox. The example (examples/c-host) gets a level-3
+// token through the C interface, and the custom parameters it sets as JSON
+// text reach the collector inside its activities. A GTK host in C
+// (tests/c-captcha-host) solves a forced captcha in the real web view, under
+// its own headless X server.
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
+#include "HeadlessToolkit.h"
 #include "SandboxProcess.h"
 #include "quarrystone/QSFieldsMapping.h"
 
@@ -48,6 +51,39 @@ TEST(CHost, ReadyHeadersAndCustomParameters) {
     carried = true;
   }
   EXPECT_TRUE(carried) << readFile(dir.path() / "events.jsonl");
+}
+
+TEST(CHost, ForcedCaptchaSolvedInAGtkWindow) {
+  const std::string host = envOr("QS_C_CAPTCHA_HOST_BIN");
+  if (host.empty() || envOr("QS_SANDBOX_BIN").empty()) {
+    GTEST_SKIP() << "the GTK component or the sandbox is not built";
+  }
+  TempDir dir;
+  SandboxProcess sandbox(dir.path(), {});
+  ASSERT_NE(sandbox.port(), 0) << sandbox.output();
+  const DeploymentSettings settings = sandbox.settings((dir.path() / "store.sqlite").string());
+
+  std::vector<std::string> env{"QS_COLLECTOR_HOST_PATTERN=" + settings.collectorHostPattern,
+                               "QS_WEB_DOMAIN=" + settings.webDomain,
+                               "QS_CA_FILE=" + settings.caFile,
+                               "QS_STORE_PATH=" + settings.storePath};
+  for (auto& entry : test::headlessToolkitEnvironment()) env.push_back(std::move(entry));
+  const auto output = dir.path() / "c-captcha-host.out";
+  ChildProcess child({"xvfb-run", "-a", host, "c-app", "90"}, env, output.string());
+  ASSERT_TRUE(child.started());
+  ASSERT_EQ(child.waitExit(150), 0) << readFile(output);
+  EXPECT_NE(readFile(output).find("captcha solved"), std::string::npos) << readFile(output);
+
+  // The service challenged the forced token, and the solved page brought a
+  // new session: a start, the forced captcha token, the solved captcha.
+  std::string backend;
+  std::size_t sessions = 0;
+  for (const auto& event : sandbox.events()) {
+    if (event.value("event", "") == "backend") backend += event.value("decision", "") + " ";
+    if (event.value("type", "") == QSFM_APP_INIT) ++sessions;
+  }
+  EXPECT_EQ(backend, "captcha ");
+  EXPECT_EQ(sessions, 3u) << readFile(dir.path() / "events.jsonl");
 }
 
 }  // namespace
