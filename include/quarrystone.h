@@ -169,8 +169,8 @@ QS_C_API void qs_manager_destroy(qs_manager_t* manager);
 
 /* `ready` is called once, the first time the headers are known; `new_headers`
    every later time they change (NULL: not wanted). A NULL `ready` removes the
-   callbacks. Replacing them waits for a callback already running, so do not
-   call it from one. */
+   callbacks. Replacing them waits for a callback already running. Handles to
+   the shared manager share its callbacks: the last one set wins. */
 QS_C_API qs_status_t qs_manager_set_callbacks(qs_manager_t* manager, qs_headers_fn ready,
                                               qs_headers_fn new_headers, void* user_data);
 /* Starts (or restarts) the library for `app_id`. QS_ERROR_MISSING_CALLBACK

@@ -12,11 +12,13 @@ network thread. An exception raised in one is logged through the
 
 from __future__ import annotations
 
+import atexit
 import ctypes
 import enum
 import json
 import logging
 import threading
+import weakref
 from dataclasses import dataclass
 from typing import Any, Callable, Dict, Mapping, Optional, Union
 
@@ -34,6 +36,15 @@ __all__ = [
 _logger = logging.getLogger("quarrystone")
 _lib: Optional[ctypes.CDLL] = None
 _lib_lock = threading.Lock()
+# Managers not closed yet; closed at exit, so that no library thread calls
+# into an interpreter that is shutting down.
+_open_managers: "weakref.WeakSet[Manager]" = weakref.WeakSet()
+
+
+@atexit.register
+def _close_all() -> None:
+    for manager in list(_open_managers):
+        manager.close()
 
 
 def _c() -> ctypes.CDLL:
@@ -184,6 +195,7 @@ class Manager:
             create = lib.qs_manager_shared if shared else lib.qs_manager_create
             _check(create(settings, options, ctypes.byref(handle)))
             self._handle = handle.value
+            _open_managers.add(self)
         finally:
             lib.qs_platform_options_free(options)
             lib.qs_settings_free(settings)
