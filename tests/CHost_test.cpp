@@ -5,6 +5,8 @@
 // its own headless X server.
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -12,8 +14,28 @@
 #include "SandboxProcess.h"
 #include "quarrystone/QSFieldsMapping.h"
 
+// The test programs' sanitizer suppressions (tests/support), handed to the
+// hosts as files: they run the same uninstrumented GLib and toolkit.
+extern "C" const char* __tsan_default_suppressions();
+extern "C" const char* __lsan_default_suppressions();
+
 namespace qs::testing {
 namespace {
+
+// The environment that points a host at `sandbox`, with the suppressions.
+std::vector<std::string> hostEnvironment(const SandboxProcess& sandbox,
+                                         const std::filesystem::path& dir) {
+  const DeploymentSettings settings = sandbox.settings((dir / "store.sqlite").string());
+  const auto tsan = dir / "tsan.supp", lsan = dir / "lsan.supp";
+  std::ofstream(tsan) << __tsan_default_suppressions();
+  std::ofstream(lsan) << __lsan_default_suppressions();
+  return {"QS_COLLECTOR_HOST_PATTERN=" + settings.collectorHostPattern,
+          "QS_WEB_DOMAIN=" + settings.webDomain,
+          "QS_CA_FILE=" + settings.caFile,
+          "QS_STORE_PATH=" + settings.storePath,
+          "TSAN_OPTIONS=" + envOr("TSAN_OPTIONS") + " suppressions=" + tsan.string(),
+          "LSAN_OPTIONS=" + envOr("LSAN_OPTIONS") + " suppressions=" + lsan.string()};
+}
 
 TEST(CHost, ReadyHeadersAndCustomParameters) {
   const std::string host = envOr("QS_C_HOST_BIN");
@@ -23,13 +45,8 @@ TEST(CHost, ReadyHeadersAndCustomParameters) {
   TempDir dir;
   SandboxProcess sandbox(dir.path(), {});
   ASSERT_NE(sandbox.port(), 0) << sandbox.output();
-  const DeploymentSettings settings = sandbox.settings((dir.path() / "store.sqlite").string());
-
-  const std::vector<std::string> env{"QS_COLLECTOR_HOST_PATTERN=" + settings.collectorHostPattern,
-                                     "QS_WEB_DOMAIN=" + settings.webDomain,
-                                     "QS_CA_FILE=" + settings.caFile,
-                                     "QS_STORE_PATH=" + settings.storePath,
-                                     R"(QS_CUSTOM_PARAMETERS={"plan": "gold", "seats": 3})"};
+  std::vector<std::string> env = hostEnvironment(sandbox, dir.path());
+  env.push_back(R"(QS_CUSTOM_PARAMETERS={"plan": "gold", "seats": 3})");
   const auto output = dir.path() / "c-host.out";
   ChildProcess child({host, "c-app", "60"}, env, output.string());
   ASSERT_TRUE(child.started());
@@ -61,12 +78,7 @@ TEST(CHost, ForcedCaptchaSolvedInAGtkWindow) {
   TempDir dir;
   SandboxProcess sandbox(dir.path(), {});
   ASSERT_NE(sandbox.port(), 0) << sandbox.output();
-  const DeploymentSettings settings = sandbox.settings((dir.path() / "store.sqlite").string());
-
-  std::vector<std::string> env{"QS_COLLECTOR_HOST_PATTERN=" + settings.collectorHostPattern,
-                               "QS_WEB_DOMAIN=" + settings.webDomain,
-                               "QS_CA_FILE=" + settings.caFile,
-                               "QS_STORE_PATH=" + settings.storePath};
+  std::vector<std::string> env = hostEnvironment(sandbox, dir.path());
   for (auto& entry : test::headlessToolkitEnvironment()) env.push_back(std::move(entry));
   const auto output = dir.path() / "c-captcha-host.out";
   ChildProcess child({"xvfb-run", "-a", host, "c-app", "90"}, env, output.string());
