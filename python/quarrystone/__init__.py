@@ -39,6 +39,9 @@ _lib_lock = threading.Lock()
 # Managers not closed yet; closed at exit, so that no library thread calls
 # into an interpreter that is shutting down.
 _open_managers: "weakref.WeakSet[Manager]" = weakref.WeakSet()
+# Log trampolines are never released: the platform that calls them may
+# outlive its manager (the shared one lives for the whole process).
+_log_trampolines: list = []
 
 
 @atexit.register
@@ -125,6 +128,19 @@ HeadersCallback = Callable[[Dict[str, str]], None]
 LogCallback = Callable[[LogLevel, str], None]
 
 
+def _log_trampoline(log: LogCallback) -> Callable[[object, int, bytes], None]:
+    """What the library calls for each log line, from any thread. Holds only
+    ``log``, not the manager, since it is kept for the life of the process."""
+
+    def deliver(_user: object, level: int, line: bytes) -> None:
+        try:
+            log(LogLevel(level), line.decode("utf-8", "replace"))
+        except Exception:
+            _logger.exception("the log callback raised; the library carries on")
+
+    return deliver
+
+
 class Manager:
     """One Quarrystone manager. ``with Manager(...) as m`` starts it on entry
     and releases it on exit; ``start()`` and ``close()`` do the same by hand.
@@ -158,15 +174,15 @@ class Manager:
         self.app_id = app_id
         self._on_ready = on_ready
         self._on_new_headers = on_new_headers
-        self._log = log
         self._ready = threading.Event()
         self._changed = threading.Condition()
         self._new_headers_count = 0  # guarded by _changed
         # The ctypes callback objects must outlive every call the library may
-        # make through them: they are kept here until close().
+        # make through them: the header callbacks are kept here (none runs
+        # after close()), the log one for the life of the process.
         self._c_ready = _library.HEADERS_FN(self._ready_from_library)
         self._c_new_headers = _library.HEADERS_FN(self._new_headers_from_library)
-        self._c_log = _library.LOG_FN(self._log_from_library)
+        self._c_log = _library.LOG_FN(_log_trampoline(log)) if log is not None else None
         self._handle: Optional[int] = None
 
         settings = ctypes.c_void_p()
@@ -190,6 +206,7 @@ class Manager:
                 )
             )
             if log is not None:
+                _log_trampolines.append(self._c_log)
                 _check(lib.qs_platform_options_set_log(options, self._c_log, None, int(log_level)))
             handle = ctypes.c_void_p()
             create = lib.qs_manager_shared if shared else lib.qs_manager_create
@@ -351,10 +368,3 @@ class Manager:
         except Exception:
             _logger.exception("the %s callback raised; the library carries on", name)
 
-    def _log_from_library(self, _user: object, level: int, line: bytes) -> None:
-        if self._log is None:
-            return
-        try:
-            self._log(LogLevel(level), line.decode("utf-8", "replace"))
-        except Exception:
-            _logger.exception("the log callback raised; the library carries on")
