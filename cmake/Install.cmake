@@ -10,13 +10,18 @@ else()
   install(DIRECTORY include/quarrystone DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
           PATTERN gtk EXCLUDE PATTERN http EXCLUDE)
 endif()
+# The C interface's headers sit at the include root, as C libraries' do.
+install(FILES include/quarrystone.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+if(TARGET quarrystone_gtk)
+  install(FILES include/quarrystone_gtk.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+endif()
 # The adapters' public headers live in their own include roots (so that the
 # core's include path does not reach them) and install beside the others.
 install(DIRECTORY src/platform/portable/include/ src/platform/linux/include/
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(DIRECTORY src/platform/fake/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quarrystone/fake
         FILES_MATCHING PATTERN "*.h")
-set(qs_install_targets quarrystone quarrystone_shared quarrystone_fake)
+set(qs_install_targets quarrystone quarrystone_shared quarrystone_c quarrystone_fake)
 if(TARGET quarrystone_gtk)
   list(APPEND qs_install_targets quarrystone_gtk quarrystone_http)
 endif()
@@ -54,7 +59,7 @@ if(IS_ABSOLUTE "${CMAKE_INSTALL_INCLUDEDIR}")
 else()
   set(QS_PC_INCLUDEDIR "\${prefix}/${CMAKE_INSTALL_INCLUDEDIR}")
 endif()
-set(qs_pc_files quarrystone)
+set(qs_pc_files quarrystone quarrystone-c)
 if(TARGET quarrystone_gtk)
   list(APPEND qs_pc_files quarrystone-gtk quarrystone-http)
 endif()
@@ -62,3 +67,27 @@ foreach(pc ${qs_pc_files})
   configure_file(${PROJECT_SOURCE_DIR}/cmake/${pc}.pc.in ${PROJECT_BINARY_DIR}/${pc}.pc @ONLY)
   install(FILES ${PROJECT_BINARY_DIR}/${pc}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 endforeach()
+
+# The Python package, where Debian's python3 finds it: /usr/lib/python3/
+# dist-packages for the /usr prefix, <prefix>/lib/python3.X/dist-packages
+# for any other (on sys.path for /usr/local; PYTHONPATH for a private one).
+# It learns where the library was installed from _location.py.
+find_program(QS_PYTHON3 python3 HINTS /usr/bin)
+set(qs_python_version 3)
+if(QS_PYTHON3)
+  execute_process(COMMAND ${QS_PYTHON3} -c "import sys; print('%d.%d' % sys.version_info[:2])"
+    OUTPUT_VARIABLE qs_python_version OUTPUT_STRIP_TRAILING_WHITESPACE)
+endif()
+if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+  set(qs_python_default lib/python3/dist-packages)
+else()
+  set(qs_python_default lib/python${qs_python_version}/dist-packages)
+endif()
+set(QS_PYTHON_INSTALL_DIR ${qs_python_default} CACHE STRING
+  "Where cmake --install puts the Python package, relative to the prefix")
+install(DIRECTORY python/quarrystone DESTINATION ${QS_PYTHON_INSTALL_DIR}
+        PATTERN __pycache__ EXCLUDE PATTERN _location.py EXCLUDE)
+file(GENERATE OUTPUT ${PROJECT_BINARY_DIR}/python/_location.py CONTENT
+  "# Written by cmake --install: the shared library installed with this package.\nLIBRARY = \"${CMAKE_INSTALL_FULL_LIBDIR}/$<TARGET_SONAME_FILE_NAME:quarrystone_shared>\"\n")
+install(FILES ${PROJECT_BINARY_DIR}/python/_location.py
+        DESTINATION ${QS_PYTHON_INSTALL_DIR}/quarrystone)

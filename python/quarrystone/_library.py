@@ -1,0 +1,115 @@
+"""Finds and loads the shared library and declares the C functions it uses.
+
+The library is looked for, in order: the file named by the QUARRYSTONE_LIBRARY
+environment variable, the copy installed beside this package by
+``cmake --install`` (see _location.py), what ctypes.util.find_library finds,
+and the SONAME. Its C interface's major version must be the one this package
+was written for.
+"""
+
+from __future__ import annotations
+
+import ctypes
+import ctypes.util
+import os
+from typing import Optional
+
+API_MAJOR = 1
+
+c_status = ctypes.c_int
+
+
+class Header(ctypes.Structure):
+    """qs_header_t: one name/value pair of NUL-terminated UTF-8 strings."""
+
+    _fields_ = [("name", ctypes.c_char_p), ("value", ctypes.c_char_p)]
+
+
+HEADERS_FN = ctypes.CFUNCTYPE(None, ctypes.c_void_p, ctypes.POINTER(Header), ctypes.c_size_t)
+LOG_FN = ctypes.CFUNCTYPE(None, ctypes.c_void_p, ctypes.c_int, ctypes.c_char_p)
+
+_P = ctypes.c_void_p
+_PP = ctypes.POINTER(ctypes.c_void_p)
+_S = ctypes.c_char_p
+
+# name: (result type, argument types)
+_PROTOTYPES = {
+    "qs_api_version": (ctypes.c_uint32, []),
+    "qs_last_error_message": (_S, []),
+    "qs_free": (None, [_P]),
+    "qs_settings_new": (c_status, [_PP]),
+    "qs_settings_free": (None, [_P]),
+    "qs_settings_set_collector_host_pattern": (c_status, [_P, _S]),
+    "qs_settings_set_web_domain": (c_status, [_P, _S]),
+    "qs_settings_set_store_path": (c_status, [_P, _S]),
+    "qs_settings_set_ca_file": (c_status, [_P, _S]),
+    "qs_platform_options_new": (c_status, [_PP]),
+    "qs_platform_options_free": (None, [_P]),
+    "qs_platform_options_set_bundle": (c_status, [_P, _S, _S, _S]),
+    "qs_platform_options_set_log": (c_status, [_P, LOG_FN, _P, ctypes.c_int]),
+    "qs_manager_create": (c_status, [_P, _P, _PP]),
+    "qs_manager_shared": (c_status, [_P, _P, _PP]),
+    "qs_manager_destroy": (None, [_P]),
+    "qs_manager_set_callbacks": (c_status, [_P, HEADERS_FN, HEADERS_FN, _P]),
+    "qs_manager_start": (c_status, [_P, _S]),
+    "qs_manager_wakeup": (c_status, [_P]),
+    "qs_manager_headers": (
+        c_status,
+        [_P, ctypes.POINTER(ctypes.POINTER(Header)), ctypes.POINTER(ctypes.c_size_t)],
+    ),
+    "qs_headers_free": (None, [ctypes.POINTER(Header)]),
+    "qs_manager_set_custom_parameters": (c_status, [_P, _S]),
+    "qs_manager_block_code": (c_status, [_P, ctypes.POINTER(ctypes.c_int64)]),
+    "qs_manager_set_block_code": (c_status, [_P, ctypes.c_int64]),
+    "qs_manager_force_block_token": (c_status, [_P]),
+    "qs_manager_force_captcha_token": (c_status, [_P]),
+    "qs_manager_reset_debug_settings": (c_status, [_P]),
+    "qs_manager_check_error": (c_status, [_P, _S, _PP]),
+    "qs_block_response_free": (None, [_P]),
+    "qs_block_response_type": (ctypes.c_int, [_P]),
+    "qs_block_response_uuid": (_S, [_P]),
+    "qs_block_response_vid": (_S, [_P]),
+    "qs_block_response_app_id": (_S, [_P]),
+    "qs_block_response_page": (_S, [_P]),
+}
+
+
+def _installed_path() -> Optional[str]:
+    try:
+        from ._location import LIBRARY  # written by cmake --install
+    except ImportError:
+        return None
+    return LIBRARY if os.path.exists(LIBRARY) else None
+
+
+def _candidates() -> list[str]:
+    named = os.environ.get("QUARRYSTONE_LIBRARY")
+    if named:
+        return [named]  # an explicit choice: no fallback that would hide a typo
+    found = [_installed_path(), ctypes.util.find_library("quarrystone")]
+    return [path for path in found if path] + [f"libquarrystone.so.{API_MAJOR}"]
+
+
+def load() -> ctypes.CDLL:
+    """Loads the library and declares its functions. Raises OSError when no
+    candidate loads or the loaded one has another C interface major version."""
+    errors = []
+    for path in _candidates():
+        try:
+            library = ctypes.CDLL(path)
+        except OSError as error:
+            errors.append(f"{path}: {error}")
+            continue
+        for name, (result, arguments) in _PROTOTYPES.items():
+            function = getattr(library, name)
+            function.restype = result
+            function.argtypes = arguments
+        major = library.qs_api_version() >> 16
+        if major != API_MAJOR:
+            errors.append(f"{path}: C interface {major}, this package needs {API_MAJOR}")
+            continue
+        return library
+    raise OSError(
+        "the Quarrystone library could not be loaded (set QUARRYSTONE_LIBRARY to its path): "
+        + "; ".join(errors)
+    )
