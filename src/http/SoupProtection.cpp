@@ -264,9 +264,9 @@ class Attachment {
     // The logger is the one public place that sees a response body besides
     // its reader. It logs nothing but the block answers of our messages.
     soup_logger_set_max_body_size(logger_, kMaxBlockBody);
-    soup_logger_set_request_filter(
-        logger_, [](SoupLogger*, SoupMessage*, gpointer) { return SOUP_LOGGER_LOG_NONE; }, nullptr,
-        nullptr);
+    // libsoup 3.2 keeps a response body for the logger only when the
+    // request was logged at body level, so our own messages are.
+    soup_logger_set_request_filter(logger_, requestFilter, this, nullptr);
     soup_logger_set_response_filter(logger_, responseFilter, this, nullptr);
     soup_logger_set_printer(logger_, printer, this, nullptr);
     soup_session_add_feature(session, SOUP_SESSION_FEATURE(logger_));
@@ -303,6 +303,11 @@ class Attachment {
     if (self->current_ == message) self->current_ = nullptr;
     self->tracked_.erase(it);
     g_object_unref(message);
+  }
+
+  static SoupLoggerLogLevel requestFilter(SoupLogger*, SoupMessage* message, gpointer data) {
+    auto* self = static_cast<Attachment*>(data);
+    return self->tracked_.count(message) != 0 ? SOUP_LOGGER_LOG_BODY : SOUP_LOGGER_LOG_NONE;
   }
 
   static SoupLoggerLogLevel responseFilter(SoupLogger*, SoupMessage* message, gpointer data) {
