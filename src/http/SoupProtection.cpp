@@ -19,7 +19,7 @@ constexpr const char* kRedirectGuardKey = "qs-redirect-guard";
 constexpr const char* kAttachmentKey = "qs-attachment";
 // The largest block answer the attached form reads from its logger tap; a
 // longer one is cut by the logger, fails to parse and passes through.
-constexpr int kMaxBlockBody = 1 << 20;
+constexpr int kMaxBlockBody = 256 * 1024;
 
 // Runs `task` on `context` from its loop, never inline.
 void post(GMainContext* context, std::function<void()> task) {
@@ -313,11 +313,11 @@ class Attachment {
   static SoupLoggerLogLevel responseFilter(SoupLogger*, SoupMessage* message, gpointer data) {
     auto* self = static_cast<Attachment*>(data);
     auto it = self->tracked_.find(message);
-    if (it == self->tracked_.end() ||
-        soup_message_get_status(message) != self->protection_->manager().blockCode()) {
-      return SOUP_LOGGER_LOG_NONE;
-    }
-    // The logger prints this message's response next, in one go.
+    if (it == self->tracked_.end()) return SOUP_LOGGER_LOG_NONE;
+    // The logger prints this message's response next, in one go. It is
+    // printed whatever its status: the logger drops the body it kept for a
+    // message only when it prints it, and would otherwise hand it to the
+    // next message that gets the same address.
     self->current_ = message;
     it->second.clear();
     return SOUP_LOGGER_LOG_BODY;
@@ -342,7 +342,10 @@ class Attachment {
     } else if (direction == ' ') {
       // The blank line that ends the message's response.
       SoupMessage* message = std::exchange(self->current_, nullptr);
-      self->challenge(message, std::exchange(self->tracked_[message], std::string()));
+      std::string body = std::exchange(self->tracked_[message], std::string());
+      if (soup_message_get_status(message) == self->protection_->manager().blockCode()) {
+        self->challenge(message, std::move(body));
+      }
     }
   }
 
