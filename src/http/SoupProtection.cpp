@@ -133,13 +133,14 @@ void keepBody(SoupMessage* message, ReplayableBody* body) {
 // answer's body for the host. Flow's context only (the caller's).
 class SoupTransport final : public Transport, public std::enable_shared_from_this<SoupTransport> {
  public:
-  SoupTransport(SoupSession* session, SoupMessage* message, int priority, GCancellable* cancellable,
-                long blockCode)
-      : session_(SOUP_SESSION(g_object_ref(session))),
+  SoupTransport(std::shared_ptr<Protection> protection, SoupSession* session, SoupMessage* message,
+                int priority, GCancellable* cancellable)
+      : protection_(std::move(protection)),
+        session_(SOUP_SESSION(g_object_ref(session))),
         message_(SOUP_MESSAGE(g_object_ref(message))),
         cancellable_(cancellable != nullptr ? G_CANCELLABLE(g_object_ref(cancellable)) : nullptr),
         priority_(priority),
-        blockCode_(blockCode) {}
+        blockCode_(static_cast<long>(protection_->manager().blockCode())) {}
   ~SoupTransport() override {
     clearAnswer();
     if (cancellable_ != nullptr) g_object_unref(cancellable_);
@@ -207,7 +208,10 @@ class SoupTransport final : public Transport, public std::enable_shared_from_thi
     BackendAnswer answer;
     answer.transferred = t.bytes_ != nullptr;
     answer.status = static_cast<long>(soup_message_get_status(t.message_));
-    if (answer.transferred && answer.status == t.blockCode_) {
+    // A redirect may have led elsewhere: only the declared domains' block
+    // answers are looked at.
+    if (answer.transferred && answer.status == t.blockCode_ &&
+        t.protection_->protects(uriOf(t.message_))) {
       gsize size = 0;
       const void* bytes = g_bytes_get_data(t.bytes_, &size);
       if (size > 0) answer.blockBody.assign(static_cast<const char*>(bytes), size);
@@ -220,6 +224,7 @@ class SoupTransport final : public Transport, public std::enable_shared_from_thi
     g_clear_error(&error_);
   }
 
+  const std::shared_ptr<Protection> protection_;
   SoupSession* const session_;  // one reference each
   SoupMessage* const message_;
   GCancellable* const cancellable_;  // may be null
@@ -240,7 +245,7 @@ class SoupTransport final : public Transport, public std::enable_shared_from_thi
 // attached form never sends anything itself.
 class AnsweredTransport final : public Transport {
  public:
-  AnsweredTransport(BackendAnswer answer) : answer_(std::move(answer)) {}
+  explicit AnsweredTransport(BackendAnswer answer) : answer_(std::move(answer)) {}
   void send(const HeaderMap&, std::function<void(BackendAnswer)> done) override {
     // Out of libsoup's call stack: the flow may report to the host at once.
     post(g_main_context_get_thread_default(),
@@ -343,7 +348,8 @@ class Attachment {
       // The blank line that ends the message's response.
       SoupMessage* message = std::exchange(self->current_, nullptr);
       std::string body = std::exchange(self->tracked_[message], std::string());
-      if (soup_message_get_status(message) == self->protection_->manager().blockCode()) {
+      if (soup_message_get_status(message) == self->protection_->manager().blockCode() &&
+          self->protection_->protects(uriOf(message))) {
         self->challenge(message, std::move(body));
       }
     }
@@ -412,8 +418,7 @@ void sendAndReadAsync(const std::shared_ptr<Protection>& protection, SoupSession
   g_object_set_data(G_OBJECT(message), kSendKey, GINT_TO_POINTER(1));
   if (isProtected) guardRedirects(message, protection);
   auto transport =
-      std::make_shared<SoupTransport>(session, message, ioPriority, cancellable,
-                                      static_cast<long>(protection->manager().blockCode()));
+      std::make_shared<SoupTransport>(protection, session, message, ioPriority, cancellable);
 
   // The cancellable may fire on any thread; the flow hears it on its own
   // context. Disconnected once the outcome is known.
