@@ -55,10 +55,11 @@ void setReplayableBody(SoupMessage* message, const char* contentType, GInputStre
 
 // What became of a message of a declared domain that came back with the
 // service's block or captcha. Called on the session's context once the
-// challenge has ended: Blocked, ClosedByUser, TimedOut, CaptchaFailed, Failed,
-// or CaptchaSolved, which here means the fresh token is in place and the
-// host may send the request again (the attached form never re-sends a
-// message). `message` is the host's, alive for the call.
+// challenge has ended: Blocked (at once; the block page stays until the user
+// closes it), ClosedByUser, TimedOut, CaptchaFailed, Failed, or
+// CaptchaSolved, which here means the fresh token is in place and the host
+// may send the request again (the attached form never re-sends a message).
+// `message` is the host's, alive for the call.
 using SoupChallengeReport =
     std::function<void(SoupMessage* message, Outcome outcome, const std::string& detail)>;
 
@@ -67,7 +68,8 @@ using SoupChallengeReport =
 // and one that comes back blocked starts the challenge, which `report` hears
 // about. The host's own call still receives the block answer. The block is
 // seen once the host has read the response body (libsoup offers the body to
-// nobody but its reader; a session logger of the library taps it).
+// nobody but its reader; a session logger of the library taps it, up to
+// 256 KiB).
 // Messages sent through sendAndReadAsync() are left to it. Call on the
 // session's thread; lasts as long as the session or until detach().
 void attach(const std::shared_ptr<Protection>& protection, SoupSession* session,
