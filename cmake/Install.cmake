@@ -4,8 +4,12 @@ include(CMakePackageConfigHelpers)
 
 # The GTK headers belong to the optional web view component.
 # The GTK and HTTP headers belong to the optional web view and HTTP components.
-if(TARGET quarrystone_gtk)
+# The libsoup header belongs to the optional libsoup component.
+if(TARGET quarrystone_soup)
   install(DIRECTORY include/quarrystone DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+elseif(TARGET quarrystone_gtk)
+  install(DIRECTORY include/quarrystone DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+          PATTERN SoupProtection.h EXCLUDE)
 else()
   install(DIRECTORY include/quarrystone DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
           PATTERN gtk EXCLUDE PATTERN http EXCLUDE)
@@ -24,6 +28,9 @@ install(DIRECTORY src/platform/fake/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/qua
 set(qs_install_targets quarrystone quarrystone_shared quarrystone_c quarrystone_fake)
 if(TARGET quarrystone_gtk)
   list(APPEND qs_install_targets quarrystone_gtk quarrystone_http)
+endif()
+if(TARGET quarrystone_soup)
+  list(APPEND qs_install_targets quarrystone_soup)
 endif()
 install(TARGETS ${qs_install_targets} EXPORT QuarrystoneTargets
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
@@ -62,6 +69,9 @@ endif()
 set(qs_pc_files quarrystone quarrystone-c)
 if(TARGET quarrystone_gtk)
   list(APPEND qs_pc_files quarrystone-gtk quarrystone-http)
+endif()
+if(TARGET quarrystone_soup)
+  list(APPEND qs_pc_files quarrystone-soup)
 endif()
 foreach(pc ${qs_pc_files})
   configure_file(${PROJECT_SOURCE_DIR}/cmake/${pc}.pc.in ${PROJECT_BINARY_DIR}/${pc}.pc @ONLY)

@@ -12,7 +12,9 @@
 // fonts, images, X11 and xcb share locks with GLib, so ignoring only some of
 // the libraries' calls leaves lock and unlock unpaired. There, races inside
 // those libraries are dropped instead; the code under test runs on the GTK
-// thread alone.
+// thread alone. The libsoup tests run TLS through GIO's GnuTLS backend and
+// its proxy lookup, whose worker threads are synchronised inside those
+// libraries in the same way.
 //
 // The GIO reachability test registers a network monitor type of its own.
 // GObject ends that registration with a tail call that unlocks its type
@@ -29,7 +31,9 @@ extern "C" const char* __tsan_default_suppressions() {
          "race:libpango-1.0.so\n"
          "race:libfontconfig.so\n"
          "race:libwebkitgtk-6.0.so\n"
-         "race:libjavascriptcoregtk-6.0.so\n";
+         "race:libjavascriptcoregtk-6.0.so\n"
+         "race:libgnutls.so\n"
+         "race:libproxy.so\n";
 #else
   return "called_from_lib:libglib-2.0.so\n"
          "called_from_lib:libgobject-2.0.so\n"
