@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <vector>
 
 #include "CoreFixture.h"
 #include "SandboxProcess.h"
@@ -27,10 +28,18 @@ struct Exchange : CoreTest {
 TEST(CollectorCorpus, EveryInputEndsInADefinedOutcome) {
   const std::filesystem::path corpus = envOr("QS_FUZZ_CORPUS");
   if (corpus.empty()) GTEST_SKIP() << "QS_FUZZ_CORPUS is not set";
+  // The kept corpus, and the regression inputs kept beside it
+  // (fuzz/corpus/response and fuzz/regressions/response).
+  std::vector<std::filesystem::path> paths;
+  const auto regressions = corpus.parent_path().parent_path() / "regressions" / corpus.filename();
+  for (const auto& dir : {corpus, regressions}) {
+    if (!std::filesystem::is_directory(dir)) continue;
+    for (const auto& entry : std::filesystem::directory_iterator(dir)) paths.push_back(entry);
+  }
   std::size_t inputs = 0;
-  for (const auto& entry : std::filesystem::directory_iterator(corpus)) {
-    const std::string body = readFile(entry.path());
-    SCOPED_TRACE(entry.path().filename().string() + ": " + body);
+  for (const auto& path : paths) {
+    const std::string body = readFile(path);
+    SCOPED_TRACE(path.filename().string() + ": " + body);
     ++inputs;
     Exchange x;
     x.manager->startWith("corpus-app");
