@@ -440,6 +440,16 @@ int exchanges(const Options& o, Run& run) {
   }
   const double seconds = std::chrono::duration<double>(SteadyClock::now() - start).count();
   std::this_thread::sleep_for(std::chrono::seconds(3));  // idle workers end
+  if (o.check) {
+    // On a loaded machine a worker may end late: give it a bounded while
+    // before calling its thread (or a closing descriptor) growth.
+    waitUntil(
+        [&] {
+          const Sample s = sampleNow(0);
+          return s.threads <= baseline->threads && s.fds <= baseline->fds + 1;
+        },
+        10);
+  }
   const Sample final = sampleNow(run.pending());
   const Sample peak = sampler.peak();
   std::printf("  peak:             %s\n", describe(peak).c_str());
