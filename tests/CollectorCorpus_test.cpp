@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <vector>
 
 #include "CoreFixture.h"
 #include "SandboxProcess.h"
@@ -27,10 +28,18 @@ struct Exchange : CoreTest {
 TEST(CollectorCorpus, EveryInputEndsInADefinedOutcome) {
   const std::filesystem::path corpus = envOr("QS_FUZZ_CORPUS");
   if (corpus.empty()) GTEST_SKIP() << "QS_FUZZ_CORPUS is not set";
+  // The kept corpus, and the regression inputs kept beside it
+  // (fuzz/corpus/response and fuzz/regressions/response).
+  std::vector<std::filesystem::path> paths;
+  const auto regressions = corpus.parent_path().parent_path() / "regressions" / corpus.filename();
+  for (const auto& dir : {corpus, regressions}) {
+    if (!std::filesystem::is_directory(dir)) continue;
+    for (const auto& entry : std::filesystem::directory_iterator(dir)) paths.push_back(entry);
+  }
   std::size_t inputs = 0;
-  for (const auto& entry : std::filesystem::directory_iterator(corpus)) {
-    const std::string body = readFile(entry.path());
-    SCOPED_TRACE(entry.path().filename().string() + ": " + body);
+  for (const auto& path : paths) {
+    const std::string body = readFile(path);
+    SCOPED_TRACE(path.filename().string() + ": " + body);
     ++inputs;
     Exchange x;
     x.manager->startWith("corpus-app");
@@ -49,15 +58,27 @@ TEST(CollectorCorpus, EveryInputEndsInADefinedOutcome) {
       EXPECT_TRUE(calls.empty());
       continue;
     }
-    ASSERT_EQ(posts.size(), 1u);
+    // A token whose renewal date has already come (a time to live of 0 or
+    // less, or text that reads as 0) is renewed at once.
+    const bool renewsAtOnce =
+        parsed && parsed->cookie() && parsed->cookie()->ttlFireDate() <= x.fake.clock->now();
+    ASSERT_EQ(posts.size(), renewsAtOnce ? 2u : 1u);
+    if (renewsAtOnce) {
+      EXPECT_EQ(posts[1].type(), QSFM_APP_IDLE);
+      EXPECT_EQ(posts[1].details()[QSFM_APP_STATE], "idle");
+    }
     ASSERT_EQ(calls.size(), 1u);
     EXPECT_EQ(calls[0].kind, "managerReady");
     if (parsed && parsed->cookie()) {
-      // A new token: the host gets its header, renewal at 80% of its life.
-      EXPECT_EQ(calls[0].headers.at("X-QS-AUTHORIZATION"),
-                std::to_string(QSCookie::cookieLevelFrom(parsed->cookie()->name())) + ":" +
-                    parsed->cookie()->token());
-      EXPECT_EQ(x.fake.mainLoop->pendingTimerCount(), 1u);
+      // A new token: the host gets its header, renewal at 80% of its life;
+      // one whose renewal date has passed already is never handed out.
+      const auto& cookie = *parsed->cookie();
+      EXPECT_EQ(
+          calls[0].headers.at("X-QS-AUTHORIZATION"),
+          cookie.ttlExpired(x.fake.clock->now())
+              ? std::string("1")
+              : std::to_string(QSCookie::cookieLevelFrom(cookie.name())) + ":" + cookie.token());
+      EXPECT_EQ(x.fake.mainLoop->pendingTimerCount(), renewsAtOnce ? 0u : 1u);
     } else {
       // Nothing new, or a command too short to read (a failed exchange):
       // the no-token header and a new session a minute later.

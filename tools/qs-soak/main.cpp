@@ -9,15 +9,22 @@
 //   --exchanges  N sequential exchanges (new session, wake-up, renewal in
 //                turn, each waiting for the previous one and whatever it led
 //                to), sampling the same figures; growth over a long run shows
-//                a leak.
+//                a leak. The figures at rest after the first 100 exchanges
+//                are the baseline that growth is measured from.
+//   --check      with --exchanges: exit non-zero when descriptors (beyond one
+//                kept-alive connection) or threads at rest grew beyond that
+//                baseline (the CI soak; under ASan a leak fails it at exit).
+//   --token-ttl  the sandbox's token life in seconds: a short one makes the
+//                library's own renewal timer fire during the run too.
 //
 // The sandbox runs as a child process, so the figures are this process's
 // alone (read from /proc/self). The library's log lines are counted, never
 // kept, so that the log does not grow with the load it describes.
 //
 // Usage: qs-soak --flood [--threads N] [--calls N] [--drain SECONDS]
-//        qs-soak --exchanges N
+//        qs-soak --exchanges N [--check]
 //        common: [--sandbox PATH] [--ca PEM] [--no-challenge] [--sample-ms MS]
+//                [--token-ttl SECONDS]
 #include <dirent.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -75,6 +82,8 @@ struct Options {
   double drainSeconds = 180;
   int sampleMs = 20;
   bool challenge = true;
+  bool check = false;
+  long tokenTtl = 0;  // 0: the sandbox's default
   std::string sandbox = kDefaultSandbox;
   std::string ca = kDefaultCa;
 };
@@ -251,6 +260,10 @@ class Sandbox {
   bool start(const Options& o, const std::string& logPath) {
     std::vector<std::string> args = {o.sandbox, "--port", "0", "--quiet", "--log", logPath};
     if (!o.challenge) args.emplace_back("--no-challenge");
+    if (o.tokenTtl > 0) {
+      args.emplace_back("--token-ttl");
+      args.push_back(std::to_string(o.tokenTtl));
+    }
     int fds[2];
     if (pipe(fds) != 0) return false;
     posix_spawn_file_actions_t actions;
@@ -392,7 +405,8 @@ int exchanges(const Options& o, Run& run) {
   std::printf("exchanges: %ld sequential (new session, wake-up, renewal in turn)\n", o.exchanges);
   Sampler sampler([&] { return run.pending(); }, std::chrono::milliseconds(o.sampleMs));
   const long checkpoint = std::max(1L, o.exchanges / 10);
-  std::optional<Sample> first;
+  const long baselineAt = std::min(100L, o.exchanges);
+  std::optional<Sample> baseline;
   long stalled = 0;
   const auto start = SteadyClock::now();
   for (long i = 0; i < o.exchanges; ++i) {
@@ -413,26 +427,46 @@ int exchanges(const Options& o, Run& run) {
     if (!waitUntil([&] { return run.log->completions() > before && run.pending() == 0; }, 20)) {
       ++stalled;
     }
+    if (i + 1 == baselineAt) {
+      std::this_thread::sleep_for(std::chrono::seconds(3));  // idle workers end
+      baseline = sampleNow(run.pending());
+      std::printf("  at rest after %ld: %s\n", baselineAt, describe(*baseline).c_str());
+    }
     if ((i + 1) % checkpoint == 0 || i + 1 == o.exchanges) {
       const Sample s = sampleNow(run.pending());
-      if (!first) first = s;
       std::printf("  after %7ld: %s\n", i + 1, describe(s).c_str());
       std::fflush(stdout);
     }
   }
   const double seconds = std::chrono::duration<double>(SteadyClock::now() - start).count();
   std::this_thread::sleep_for(std::chrono::seconds(3));  // idle workers end
+  if (o.check) {
+    // On a loaded machine a worker may end late: give it a bounded while
+    // before calling its thread (or a closing descriptor) growth.
+    waitUntil(
+        [&] {
+          const Sample s = sampleNow(0);
+          return s.threads <= baseline->threads && s.fds <= baseline->fds + 1;
+        },
+        10);
+  }
   const Sample final = sampleNow(run.pending());
   const Sample peak = sampler.peak();
   std::printf("  peak:             %s\n", describe(peak).c_str());
   std::printf("  final (at rest):  %s\n", describe(final).c_str());
-  if (first) {
-    std::printf("  growth from the first checkpoint: %+.1f MB, %+ld descriptors, %+ld threads\n",
-                final.rssMb - first->rssMb, final.fds - first->fds, final.threads - first->threads);
-  }
+  const long fdGrowth = final.fds - baseline->fds;
+  const long threadGrowth = final.threads - baseline->threads;
+  std::printf("  growth at rest after the first %ld: %+.1f MB, %+ld descriptors, %+ld threads\n",
+              baselineAt, final.rssMb - baseline->rssMb, fdGrowth, threadGrowth);
   std::printf("  %.1f s, %ld answered, %ld failed, %ld did not complete within 20 s\n", seconds,
               run.log->answered.load(), run.log->failed.load(), stalled);
   printErrors(*run.log);
+  // One descriptor of slack: the kept-alive connection to the collector may
+  // be open at one of the two samples and already closed at the other.
+  if (o.check && (fdGrowth > 1 || threadGrowth > 0)) {
+    std::fprintf(stderr, "qs-soak: descriptors or threads grew over the run\n");
+    return 1;
+  }
   return stalled == 0 ? 0 : 1;
 }
 
@@ -467,6 +501,10 @@ bool parse(int argc, char** argv, Options& o) {
       ok = number(o.drainSeconds);
     } else if (arg == "--sample-ms") {
       ok = number(o.sampleMs) && o.sampleMs > 0;
+    } else if (arg == "--check") {
+      o.check = true;
+    } else if (arg == "--token-ttl") {
+      ok = number(o.tokenTtl) && o.tokenTtl > 0;
     } else if (arg == "--no-challenge") {
       o.challenge = false;
     } else if (arg == "--sandbox") {
@@ -488,8 +526,9 @@ int main(int argc, char** argv) {
   if (!parse(argc, argv, o)) {
     std::fprintf(stderr,
                  "usage: qs-soak --flood [--threads N] [--calls N] [--drain SECONDS]\n"
-                 "       qs-soak --exchanges N\n"
-                 "       common: [--sandbox PATH] [--ca PEM] [--no-challenge] [--sample-ms MS]\n");
+                 "       qs-soak --exchanges N [--check]\n"
+                 "       common: [--sandbox PATH] [--ca PEM] [--no-challenge] [--sample-ms MS]\n"
+                 "               [--token-ttl SECONDS]\n");
     return 2;
   }
   char dirTemplate[] = "/tmp/qs-soak-XXXXXX";

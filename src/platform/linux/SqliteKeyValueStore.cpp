@@ -68,6 +68,18 @@ struct OpenedStore {
   std::map<std::string, Value> values;
 };
 
+// A stored value from its CBOR bytes; discarded when they do not decode. The
+// parser's no-exceptions mode still throws for an array or map that declares
+// more elements than a vector could hold, so a damaged value would end the
+// host: that is caught here and reads as undecodable too.
+Value decodeStoredValue(const Bytes& bytes) {
+  try {
+    return Value::from_cbor(bytes, /*strict=*/true, /*allow_exceptions=*/false);
+  } catch (const Value::exception&) {
+    return Value(Value::value_t::discarded);
+  }
+}
+
 bool isCorruption(int rc) {
   int primary = rc & 0xff;
   return primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB;
@@ -277,7 +289,7 @@ std::variant<OpenedStore, OpenError> openFile(const std::string& path, const std
     std::string key(keyText != nullptr ? reinterpret_cast<const char*>(keyText) : "");
     const auto* blob = static_cast<const std::uint8_t*>(sqlite3_column_blob(stmt, 1));
     Bytes bytes(blob, blob + sqlite3_column_bytes(stmt, 1));
-    Value value = Value::from_cbor(bytes, /*strict=*/true, /*allow_exceptions=*/false);
+    Value value = decodeStoredValue(bytes);
     if (value.is_discarded()) {
       log.write(
           LogLevel::Warning,

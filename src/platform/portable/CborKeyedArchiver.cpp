@@ -15,8 +15,16 @@ class CborKeyedArchiver final : public KeyedArchiver {
     envelope["$root"] = root;
     return Value::to_cbor(envelope);
   }
+  // The parser's no-exceptions mode still throws for an array or map that
+  // declares more elements than a vector could hold; such bytes are not an
+  // archive either, and must not end the host.
   std::optional<Value> unarchive(const Bytes& bytes) override {
-    Value envelope = Value::from_cbor(bytes, /*strict=*/true, /*allow_exceptions=*/false);
+    Value envelope;
+    try {
+      envelope = Value::from_cbor(bytes, /*strict=*/true, /*allow_exceptions=*/false);
+    } catch (const Value::exception&) {
+      return std::nullopt;
+    }
     if (envelope.is_discarded() || !envelope.is_object()) return std::nullopt;
     auto tag = envelope.find("$archiver");
     auto version = envelope.find("$version");
