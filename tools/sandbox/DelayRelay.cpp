@@ -42,6 +42,7 @@ struct Link {
   Direction up;    // client -> target
   Direction down;  // target -> client
   bool broken = false;
+  bool answered = false;  // target data reached the client since its last flight
 };
 
 void setNonBlocking(int fd) { fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK); }
@@ -65,12 +66,16 @@ int connectLoopback(int port) {
   return fd;
 }
 
-// Reads what `d.from` has into the queue, due after `hold`. Returns false
-// when the connection is broken (a read error other than "try again").
-bool readInto(Direction& d, Clock::duration hold) {
+// Reads what `d.from` has into the queue, due after `hold`. Returns the bytes
+// read (0 at EOF or when there was nothing), nullopt when the connection is
+// broken (a read error other than "try again").
+std::optional<std::size_t> readInto(Direction& d, Clock::duration hold) {
   char buffer[64 * 1024];
   const ssize_t n = recv(d.from, buffer, sizeof buffer, 0);
-  if (n < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
+  if (n < 0) {
+    if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) return 0;
+    return std::nullopt;
+  }
   // Keep the order: a chunk is never due before the one ahead of it.
   Clock::time_point due = Clock::now() + hold;
   if (!d.queue.empty()) due = std::max(due, d.queue.back().due);
@@ -81,12 +86,13 @@ bool readInto(Direction& d, Clock::duration hold) {
     d.sawData = true;
     d.queue.push_back({due, std::string(buffer, static_cast<std::size_t>(n)), false});
   }
-  return true;
+  return static_cast<std::size_t>(n);
 }
 
-// Writes the due chunks of `d`; adds the bytes written to `counter`. Returns
-// false when the receiving side is gone.
-bool writeDue(Direction& d, std::atomic<std::size_t>& counter) {
+// Writes the due chunks of `d`; adds the bytes written to `counter` and sets
+// `delivered` when a chunk of data went out whole. Returns false when the
+// receiving side is gone.
+bool writeDue(Direction& d, std::atomic<std::size_t>& counter, bool& delivered) {
   const auto now = Clock::now();
   while (!d.queue.empty() && d.queue.front().due <= now) {
     Chunk& chunk = d.queue.front();
@@ -103,6 +109,7 @@ bool writeDue(Direction& d, std::atomic<std::size_t>& counter) {
     if (d.written < chunk.bytes.size()) return true;  // the socket is full
     d.written = 0;
     d.queue.pop_front();
+    delivered = true;
   }
   return true;
 }
@@ -193,11 +200,26 @@ void DelayRelay::run() {
           // The client's first bytes also wait out the TCP handshake: one
           // round trip before they could have been sent at all.
           const bool first = d == &link.up && !d->sawData;
-          if (!readInto(*d, first ? roundTrip_ + half : half)) link.broken = true;
+          const auto bytes = readInto(*d, first ? roundTrip_ + half : half);
+          if (!bytes) {
+            link.broken = true;
+          } else if (*bytes > 0 && d == &link.up) {
+            // A round trip is the TCP handshake, then each flight of the
+            // client that answers data the target sent it: a client flight
+            // spread over several chunks, or the target's data that crosses
+            // it, counts once.
+            if (first) {
+              roundTrips_ += 2;
+            } else if (link.answered) {
+              ++roundTrips_;
+            }
+            link.answered = false;
+          }
         }
       }
-      if (!link.broken && !writeDue(link.up, bytesUp_)) link.broken = true;
-      if (!link.broken && !writeDue(link.down, bytesDown_)) link.broken = true;
+      bool ignored = false;
+      if (!link.broken && !writeDue(link.up, bytesUp_, ignored)) link.broken = true;
+      if (!link.broken && !writeDue(link.down, bytesDown_, link.answered)) link.broken = true;
     }
     // New links go last, after the entries polled for the ones before them.
     if (fds[1].revents & POLLIN) {

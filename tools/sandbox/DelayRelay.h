@@ -37,6 +37,11 @@ class DelayRelay {
   std::chrono::milliseconds roundTrip() const { return roundTrip_; }
   // Client connections accepted so far.
   std::size_t connections() const { return connections_.load(); }
+  // Round trips the traffic needed, counted from the order of the chunks,
+  // whatever the time each side took: one per TCP handshake, one per flight
+  // of the client (its first, and each that follows data it received). A TLS
+  // 1.3 handshake with one request and its answer is 3.
+  std::size_t roundTrips() const { return roundTrips_.load(); }
   // Bytes delivered towards the target (up) and towards the clients (down).
   std::size_t bytesUp() const { return bytesUp_.load(); }
   std::size_t bytesDown() const { return bytesDown_.load(); }
@@ -51,6 +56,7 @@ class DelayRelay {
   int wakeFds_[2] = {-1, -1};  // stop() writes, the relay thread polls
   std::thread thread_;
   std::atomic<std::size_t> connections_{0};
+  std::atomic<std::size_t> roundTrips_{0};
   std::atomic<std::size_t> bytesUp_{0};
   std::atomic<std::size_t> bytesDown_{0};
 };

@@ -102,6 +102,20 @@ TEST(DelayRelayTest, HoldsEachDirectionForItsShareOfTheRoundTrip) {
   client.sendAll("again");
   EXPECT_EQ(server.receive(), "again");
   EXPECT_GE(Clock::now() - sent, rtt / 2);
+
+  // The handshake and one per client flight that follows what it received;
+  // more chunks of either side before the next answer add none.
+  EXPECT_EQ(relay.roundTrips(), 3u);
+  server.sendAll("one");
+  EXPECT_EQ(client.receive(), "one");
+  server.sendAll("two");
+  EXPECT_EQ(client.receive(), "two");
+  client.sendAll("more");
+  client.sendAll("extra");
+  std::string atServer;
+  while (atServer.size() < 9) atServer += server.receive();
+  EXPECT_EQ(atServer, "moreextra");
+  EXPECT_EQ(relay.roundTrips(), 4u);
   EXPECT_EQ(relay.connections(), 1u);
 }
 
