@@ -9,13 +9,18 @@
 //     over one connection, hence one full handshake;
 //   - threads of the library at rest, read from /proc/self/task;
 //   - context switches of every thread during an idle period while the
-//     renewal timer is pending, from /proc/self/task/<tid>/status.
+//     renewal timer is pending, from /proc/self/task/<tid>/status;
+//   - with --rtt MS, the same start-up through a relay that delays every
+//     chunk by half the round trip each way (and the client's first bytes one
+//     more round trip, for the TCP handshake): first launch with and without
+//     the challenge, and a relaunch on the same store, in milliseconds and in
+//     round trips, with the headers available right after startWith().
 //
 // Every run is a child process of its own (this program with --child), so
 // each starts cold: new process, new store file, new connection.
 //
 // Usage: qs-measure [--runs N] [--idle SECONDS] [--sandbox PATH] [--ca PEM]
-//                   [--host-context]
+//                   [--host-context] [--rtt MS]
 #include <dirent.h>
 #include <pthread.h>
 #include <spawn.h>
@@ -44,6 +49,7 @@
 #include <fmt/format.h>
 #include <glib.h>
 
+#include "DelayRelay.h"
 #include "manager/QSManagerHelper.h"
 #include "manager/QSManagerInternals.h"
 #include "quarrystone/LinuxPlatform.h"
@@ -70,6 +76,8 @@ struct Options {
   // The host lends its GLib context (run here by a stand-in host thread)
   // instead of letting the library run its own loop.
   bool hostContext = false;
+  // Round-trip time of the delaying relay, 0 for plain loopback.
+  int rttMs = 0;
 };
 
 // ---------------------------------------------------------------- child ---
@@ -163,7 +171,7 @@ std::map<long, ThreadSample> sampleThreads() {
 
 std::string jsonString(const std::string& text) { return qs::Value(text).dump(); }
 
-int runChild(const Options& o) {
+int childMain(const Options& o) {
   qs::DeploymentSettings settings;
   settings.collectorHostPattern = "{appId}.collector.localhost:" + std::to_string(o.port);
   settings.webDomain = "localhost:" + std::to_string(o.port);
@@ -201,9 +209,15 @@ int runChild(const Options& o) {
 
   const auto start = SteadyClock::now();
   manager->startWith(o.appId);
+  // What a host request made right now would carry: on a relaunch the stored
+  // token, before any traffic.
+  const auto early = manager->httpHeaders();
+  const auto earlyAuth = early.find("X-QS-AUTHORIZATION");
+  const bool tokenAtStart = earlyAuth != early.end() && earlyAuth->second.rfind("3:", 0) == 0;
   const auto ready = delegate->wait(10);
 
   std::string result = "{\"ok\":" + std::string(ready ? "true" : "false");
+  result += ",\"token_at_start\":" + std::string(tokenAtStart ? "true" : "false");
   if (ready) {
     const double ms = std::chrono::duration<double, std::milli>(ready->first - start).count();
     const auto& auth = ready->second.at("X-QS-AUTHORIZATION");
@@ -338,17 +352,24 @@ struct RunResult {
   std::size_t connections = 0;
 };
 
-std::optional<RunResult> runOnce(const Options& o, const std::string& self, const Sandbox& sandbox,
-                                 const std::string& dir, int index, double idleSeconds) {
-  const std::string appId = "measure-" + std::to_string(getpid()) + "-" + std::to_string(index);
+std::string appIdFor(int index) {
+  return "measure-" + std::to_string(getpid()) + "-" + std::to_string(index);
+}
+
+// One child process against `sandbox`, reached on `port` (the sandbox's own,
+// or a relay's in front of it). The store file is named after the app id, so
+// a second run with the same id is a relaunch on the same store.
+std::optional<RunResult> runChild(const Options& o, const std::string& self, const Sandbox& sandbox,
+                                  int port, const std::string& dir, const std::string& appId,
+                                  double idleSeconds, double settleSeconds) {
   const std::string store = dir + "/" + appId + ".sqlite";
   std::vector<std::string> args = {self,       "--child",
-                                   "--port",   std::to_string(sandbox.port),
+                                   "--port",   std::to_string(port),
                                    "--app-id", appId,
                                    "--store",  store,
                                    "--ca",     o.ca,
                                    "--idle",   std::to_string(idleSeconds),
-                                   "--settle", std::to_string(o.settleSeconds)};
+                                   "--settle", std::to_string(settleSeconds)};
   if (o.hostContext) args.emplace_back("--host-context");
   auto spawned = spawnWithOutput(args);
   if (!spawned) return std::nullopt;
@@ -362,6 +383,12 @@ std::optional<RunResult> runOnce(const Options& o, const std::string& self, cons
   result.requests = peers.size();
   result.connections = std::set<std::string>(peers.begin(), peers.end()).size();
   return result;
+}
+
+std::optional<RunResult> runOnce(const Options& o, const std::string& self, const Sandbox& sandbox,
+                                 const std::string& dir, int index, double idleSeconds) {
+  return runChild(o, self, sandbox, sandbox.port, dir, appIdFor(index), idleSeconds,
+                  o.settleSeconds);
 }
 
 struct Spread {
@@ -412,6 +439,114 @@ bool series(const Options& o, const std::string& self, const std::string& dir, b
   std::printf("  startWith -> managerReady: median %.2f ms, min %.2f, max %.2f over %zu runs\n",
               s.median, s.min, s.max, ready.size());
   return !ready.empty();
+}
+
+// Start-up through the delaying relay: first launch, then a relaunch on the
+// same store, per run; the sandbox's log gives the connections of each.
+bool rttSeries(const Options& o, const std::string& self, const std::string& dir, bool challenge,
+               int& index) {
+  auto sandbox =
+      startSandbox(o, dir + (challenge ? "/rtt-challenge.jsonl" : "/rtt-direct.jsonl"), challenge);
+  if (!sandbox) {
+    std::fprintf(stderr, "qs-measure: cannot start %s\n", o.sandbox.c_str());
+    return false;
+  }
+  qs::sandbox::DelayRelay relay(sandbox->port, std::chrono::milliseconds(o.rttMs));
+  if (const auto error = relay.start()) {
+    std::fprintf(stderr, "qs-measure: relay: %s\n", error->c_str());
+    return false;
+  }
+  const double rtt = o.rttMs;
+  std::printf("\n%s, %d ms round trip (relay on port %d)\n",
+              challenge ? "With the challenge round trip" : "Without a challenge (--no-challenge)",
+              o.rttMs, relay.port());
+  std::vector<double> first, again;
+  std::size_t maxConnections = 0, maxAgainConnections = 0;
+  // Round trips on the wire, counted by the relay from the order of the
+  // chunks: what the protocol needs, apart from the time either side takes.
+  std::set<std::size_t> wire, againWire;
+  bool tokenAtStartAlways = true;
+  for (int i = 0; i < o.runs; ++i) {
+    const std::string appId = appIdFor(index++);
+    std::size_t tripsBefore = relay.roundTrips();
+    auto launch = runChild(o, self, *sandbox, relay.port(), dir, appId, 0, 0);
+    const std::size_t trips = relay.roundTrips() - tripsBefore;
+    if (!launch || !launch->child.value("ok", false) || !launch->child.value("token", false)) {
+      std::printf("  run %2d: first launch failed %s\n", i + 1,
+                  launch ? launch->child.dump().c_str() : "");
+      continue;
+    }
+    const double ms = launch->child.value("ready_ms", 0.0);
+    first.push_back(ms);
+    maxConnections = std::max(maxConnections, launch->connections);
+    wire.insert(trips);
+    std::string line = fmt::format(
+        "  run {:2}: first launch {:7.1f} ms = {:.2f} round trips ({} on the wire), {} requests "
+        "over {} connection(s)",
+        i + 1, ms, ms / rtt, trips, launch->requests, launch->connections);
+    if (challenge) {
+      // The relaunch: its requests are the ones the sandbox logged after the
+      // first launch's, under the same app id.
+      tripsBefore = relay.roundTrips();
+      auto relaunch = runChild(o, self, *sandbox, relay.port(), dir, appId, 0, 0);
+      const std::size_t againTrips = relay.roundTrips() - tripsBefore;
+      if (relaunch && relaunch->child.value("ok", false)) {
+        const double againMs = relaunch->child.value("ready_ms", 0.0);
+        const bool early = relaunch->child.value("token_at_start", false);
+        tokenAtStartAlways = tokenAtStartAlways && early;
+        again.push_back(againMs);
+        againWire.insert(againTrips);
+        const std::size_t extra = relaunch->connections - launch->connections;
+        maxAgainConnections = std::max(maxAgainConnections, extra);
+        line += fmt::format(
+            "; relaunch: token {} at startWith, managerReady {:.1f} ms = {:.2f} round trips ({} "
+            "on the wire), {} connection(s)",
+            early ? "present" : "ABSENT", againMs, againMs / rtt, againTrips, extra);
+      } else {
+        tokenAtStartAlways = false;
+        line += "; relaunch failed";
+      }
+    }
+    std::printf("%s\n", line.c_str());
+  }
+  const auto counts = [](const std::set<std::size_t>& values) {
+    std::string text;
+    for (std::size_t v : values) text += (text.empty() ? "" : " or ") + std::to_string(v);
+    return text.empty() ? std::string("-") : text;
+  };
+  const Spread s = spreadOf(first);
+  std::printf(
+      "  first launch, startWith -> managerReady: median %.1f ms = %.2f round trips "
+      "(min %.2f, max %.2f), %s on the wire, at most %zu connection(s), %zu runs\n",
+      s.median, s.median / rtt, s.min / rtt, s.max / rtt, counts(wire).c_str(), maxConnections,
+      first.size());
+  if (challenge) {
+    const Spread r = spreadOf(again);
+    std::printf(
+        "  relaunch on the same store: level-3 token in the headers right after "
+        "startWith in %s run; managerReady median %.1f ms = %.2f round trips, %s on the "
+        "wire, at most %zu connection(s)\n",
+        tokenAtStartAlways && !again.empty() ? "every" : "NOT every", r.median, r.median / rtt,
+        counts(againWire).c_str(), maxAgainConnections);
+  }
+  return static_cast<int>(first.size()) == o.runs &&
+         (!challenge || (static_cast<int>(again.size()) == o.runs && tokenAtStartAlways));
+}
+
+int runRtt(const Options& o, const std::string& self) {
+  char dirTemplate[] = "/tmp/qs-measure-XXXXXX";
+  if (mkdtemp(dirTemplate) == nullptr) return 1;
+  const std::string dir = dirTemplate;
+  std::printf("qs-measure: %d runs per series through a relay with a %d ms round trip\n", o.runs,
+              o.rttMs);
+  std::printf("(each chunk held %d ms each way, a client's first bytes %d ms more)\n", o.rttMs / 2,
+              o.rttMs);
+  int index = 0;
+  bool ok = rttSeries(o, self, dir, true, index);
+  ok = rttSeries(o, self, dir, false, index) && ok;
+  std::error_code ignored;
+  std::filesystem::remove_all(dir, ignored);
+  return ok ? 0 : 1;
 }
 
 int runParent(const Options& o, const std::string& self) {
@@ -481,6 +616,8 @@ bool parse(int argc, char** argv, Options& o) {
       o.trace = true;
     } else if (arg == "--host-context") {
       o.hostContext = true;
+    } else if (arg == "--rtt") {
+      ok = take(o.rttMs) && o.rttMs > 0;
     } else if (arg == "--runs") {
       ok = take(o.runs) && o.runs > 0;
     } else if (arg == "--idle") {
@@ -512,10 +649,10 @@ int main(int argc, char** argv) {
   if (!parse(argc, argv, options)) {
     std::fprintf(stderr,
                  "usage: qs-measure [--runs N] [--idle SECONDS] [--settle SECONDS] "
-                 "[--sandbox PATH] [--ca PEM]\n");
+                 "[--sandbox PATH] [--ca PEM] [--host-context] [--rtt MS]\n");
     return 2;
   }
-  if (options.child) return runChild(options);
+  if (options.child) return childMain(options);
   const std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
-  return runParent(options, self);
+  return options.rttMs > 0 ? runRtt(options, self) : runParent(options, self);
 }

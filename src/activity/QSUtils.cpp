@@ -5,7 +5,6 @@
 #include <string_view>
 
 #include <fmt/format.h>
-#include <fmt/printf.h>
 
 namespace qs {
 
@@ -120,7 +119,7 @@ void QSUtils::stopTimerForManagerStart() {
   // Without a start the reading stays 0, which keeps it out of activities.
   double elapsed = start > 0 ? platform_.clock->now() - start : 0;
   managerExecutionSeconds_.store(elapsed);
-  platform_.log->write(fmt::sprintf("start --> ready - executionTime = %.04f", elapsed));
+  platform_.log->write(fmt::format("start --> ready - executionTime = {:.4f}", elapsed));
 }
 
 void QSUtils::startTimerForCollectorRequest() {
@@ -131,7 +130,7 @@ void QSUtils::stopTimerForCollectorRequest() {
   double start = collectorRequestStartDate_.load();
   double elapsed = start > 0 ? platform_.clock->now() - start : 0;
   collectorExecutionSeconds_.store(elapsed);
-  platform_.log->write(fmt::sprintf("request start --> response - executionTime = %.04f", elapsed));
+  platform_.log->write(fmt::format("request start --> response - executionTime = {:.4f}", elapsed));
 }
 
 std::int32_t QSUtils::collectorExecutionTime() const {

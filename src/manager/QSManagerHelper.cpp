@@ -1,7 +1,6 @@
 #include "manager/QSManagerHelper.h"
 
 #include <fmt/format.h>
-#include <fmt/printf.h>
 
 #include "activity/ChallengeActivity.h"
 #include "base/PercentEncoding.h"
@@ -118,8 +117,9 @@ void QSManagerHelper::setTimerForTokenRenew(const QSCookie& cookie) {
 void QSManagerHelper::setTimerForAppIdleActivity(double seconds) {
   log("--> setTimerForAppIdleActivity");
   resetTimer();
-  log(fmt::sprintf("set a new timer, it will send app_idle activity in %02f seconds, %.2f minutes",
-                   seconds, seconds / 60));
+  log(fmt::format(
+      "set a new timer, it will send app_idle activity in {:02f} seconds, {:.2f} minutes", seconds,
+      seconds / 60));
   scheduleTimer(seconds, &QSManagerHelper::sendAppIdleActivity);
 }
 

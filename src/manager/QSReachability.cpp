@@ -1,6 +1,6 @@
 #include "manager/QSReachability.h"
 
-#include <fmt/printf.h>
+#include <fmt/format.h>
 
 #include "quarrystone/Constants.h"
 
@@ -57,8 +57,8 @@ void QSReachability::stopNotifier() {
 
 QSNetworkStatus QSReachability::networkStatusForFlags(std::uint32_t flags) const {
   auto letter = [flags](std::uint32_t bit, char c) { return (flags & bit) ? c : '-'; };
-  platform_.log->write(fmt::sprintf(
-      "Reachability Flag Status: %c%c %c%c%c%c%c%c%c %s", letter(kReachabilityFlagsIsWWAN, 'W'),
+  platform_.log->write(fmt::format(
+      "Reachability Flag Status: {}{} {}{}{}{}{}{}{} {}", letter(kReachabilityFlagsIsWWAN, 'W'),
       letter(kReachabilityFlagsReachable, 'R'), letter(kReachabilityFlagsTransientConnection, 't'),
       letter(kReachabilityFlagsConnectionRequired, 'c'),
       letter(kReachabilityFlagsConnectionOnTraffic, 'C'),
