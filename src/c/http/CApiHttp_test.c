@@ -1,6 +1,6 @@
 /* qs-c-http-test: the libcurl protection through the C interface, from a
    GTK host in C against the sandbox's backend (run under Xvfb by
-   CHost.CurlProtectionFromC, which checks what the backend received). An
+   CHttp.CurlProtectionFromC, which checks what the backend received). An
    allowed call from a worker thread, a captcha solved and the request sent
    once more, a cancelled call, the blocking call refused on the GTK thread
    and null arguments. Settings come from the environment (QS_WEB_DOMAIN and
