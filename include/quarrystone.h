@@ -58,7 +58,7 @@ typedef enum qs_status_t {
   QS_ERROR_INTERNAL = 7, /* anything else; the message says what */
   /* 8 to 31 belong to the HTTP integration (quarrystone_http.h). */
   QS_ERROR_WRONG_THREAD = 8,  /* a blocking request on the thread that must show its page */
-  QS_ERROR_REQUEST_FAILED = 9 /* a protected request failed (the transfer, or its page); see the message */
+  QS_ERROR_REQUEST_FAILED = 9 /* a protected request failed; the message says why */
   /* 10 to 31 are reserved for the HTTP integration. */
 } qs_status_t;
 

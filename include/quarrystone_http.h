@@ -117,11 +117,13 @@ typedef struct qs_curl_call_t qs_curl_call_t;
    context, one at a time. `call` may be NULL; otherwise *call is a handle to
    cancel the request with, freed with qs_curl_call_free (at any time:
    freeing does not cancel). */
-QS_C_API qs_status_t qs_curl_perform_async(
-    qs_protection_t* protection, CURL* easy, const struct curl_slist* headers,
-    curl_write_callback write_fn, void* write_data, curl_write_callback header_fn,
-    void* header_data, curl_read_callback read_fn, curl_seek_callback seek_fn, void* read_data,
-    qs_curl_done_fn done, void* done_data, qs_curl_call_t** call);
+QS_C_API qs_status_t qs_curl_perform_async(qs_protection_t* protection, CURL* easy,
+                                           const struct curl_slist* headers,
+                                           curl_write_callback write_fn, void* write_data,
+                                           curl_write_callback header_fn, void* header_data,
+                                           curl_read_callback read_fn, curl_seek_callback seek_fn,
+                                           void* read_data, qs_curl_done_fn done, void* done_data,
+                                           qs_curl_call_t** call);
 
 /* Cancels the request: an open page is closed, a transfer under way aborted,
    and `done` hears QS_HTTP_CANCELLED once it has ended. From any thread; it
