@@ -19,6 +19,9 @@ install(FILES include/quarrystone.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 if(TARGET quarrystone_gtk)
   install(FILES include/quarrystone_gtk.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 endif()
+if(TARGET quarrystone_http)
+  install(FILES include/quarrystone_http.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+endif()
 # The adapters' public headers live in their own include roots (so that the
 # core's include path does not reach them) and install beside the others.
 install(DIRECTORY src/platform/portable/include/ src/platform/linux/include/

@@ -45,7 +45,7 @@ extern "C" {
 #endif
 
 #define QS_API_VERSION_MAJOR 1
-#define QS_API_VERSION_MINOR 0
+#define QS_API_VERSION_MINOR 1
 
 typedef enum qs_status_t {
   QS_OK = 0,
@@ -55,8 +55,11 @@ typedef enum qs_status_t {
   QS_ERROR_MISSING_CALLBACK = 4, /* qs_manager_start without a ready callback */
   QS_ERROR_ALREADY_EXISTS = 5,   /* the shared manager exists with other settings */
   QS_ERROR_OUT_OF_MEMORY = 6,
-  QS_ERROR_INTERNAL = 7 /* anything else; the message says what */
-  /* 8 to 31 are reserved for the HTTP integration's outcomes. */
+  QS_ERROR_INTERNAL = 7, /* anything else; the message says what */
+  /* 8 to 31 belong to the HTTP integration (quarrystone_http.h). */
+  QS_ERROR_WRONG_THREAD = 8,  /* a blocking request on the thread that must show its page */
+  QS_ERROR_REQUEST_FAILED = 9 /* a protected request failed; the message says why */
+  /* 10 to 31 are reserved for the HTTP integration. */
 } qs_status_t;
 
 typedef enum qs_log_level_t {
@@ -220,8 +223,8 @@ QS_C_API const char* qs_block_response_app_id(const qs_block_response_t* respons
 QS_C_API const char* qs_block_response_page(const qs_block_response_t* response);
 
 /* ---- HTTP integration ----
-   Reserved: the one-call integration with the host's HTTP requests and its
-   outcomes will be declared here. */
+   The one-call protection of the host's libcurl requests and its outcomes
+   are declared in quarrystone_http.h (the optional HTTP component). */
 
 #ifdef __cplusplus
 }

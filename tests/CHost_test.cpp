@@ -2,11 +2,13 @@
 // token through the C interface, and the custom parameters it sets as JSON
 // text reach the collector inside its activities. A GTK host in C
 // (tests/c-captcha-host) solves a forced captcha in the real web view, under
-// its own headless X server.
+// its own headless X server; another (src/c/http/CApiHttp_test.c) sends its
+// requests through the libcurl protection's C interface.
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -96,6 +98,37 @@ TEST(CHost, ForcedCaptchaSolvedInAGtkWindow) {
   }
   EXPECT_EQ(backend, "captcha ");
   EXPECT_EQ(sessions, 3u) << readFile(dir.path() / "events.jsonl");
+}
+
+TEST(CHttp, CurlProtectionFromC) {
+  const std::string host = envOr("QS_C_HTTP_TEST_BIN");
+  if (host.empty() || envOr("QS_SANDBOX_BIN").empty()) {
+    GTEST_SKIP() << "the HTTP component or the sandbox is not built";
+  }
+  TempDir dir;
+  SandboxProcess sandbox(dir.path(), {});
+  ASSERT_NE(sandbox.port(), 0) << sandbox.output();
+  std::vector<std::string> env = hostEnvironment(sandbox, dir.path());
+  for (auto& entry : test::headlessToolkitEnvironment()) env.push_back(std::move(entry));
+  const auto output = dir.path() / "c-http-test.out";
+  ChildProcess child({"xvfb-run", "-a", host, "c-app", "90"}, env, output.string());
+  ASSERT_TRUE(child.started());
+  ASSERT_EQ(child.waitExit(150), 0) << readFile(output);
+
+  // What the backend received, by the case each request named.
+  std::map<std::string, std::vector<Value>> cases;
+  for (const auto& event : sandbox.events()) {
+    if (event.value("event", "") == "backend") cases[event.value("case", "")].push_back(event);
+  }
+  EXPECT_FALSE(cases.contains("refused"));
+  ASSERT_EQ(cases["allowed"].size(), 1u);
+  EXPECT_EQ(cases["allowed"][0].value("authorization", "").rfind("3:", 0), 0u);
+  const auto& solve = cases["solve"];
+  ASSERT_EQ(solve.size(), 2u) << readFile(output);
+  EXPECT_EQ(solve[0]["decision"], "captcha");
+  EXPECT_EQ(solve[1]["decision"], "allow");
+  EXPECT_NE(solve[0]["authorization"], solve[1]["authorization"]);
+  for (const auto& e : solve) EXPECT_EQ(e["body"], "qty=2");
 }
 
 }  // namespace

@@ -1,7 +1,8 @@
 #pragma once
 
 // What the C interface's opaque handles hold, shared by the core entry points
-// (CApi.cpp) and the GTK ones (gtk/CApiGtk.cpp).
+// (CApi.cpp), the GTK ones (gtk/CApiGtk.cpp) and the HTTP ones
+// (http/CApiHttp.cpp).
 
 #include <functional>
 #include <memory>

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "quarrystone.h"
+#include "quarrystone/Export.h"
 #include "quarrystone/QSManager.h"
 #include "quarrystone/Value.h"
 
@@ -24,7 +25,10 @@ class CallError : public std::runtime_error {
 };
 
 // Records "<function>: <message>" as the calling thread's last error.
-qs_status_t fail(const char* function, qs_status_t status, const char* message) noexcept;
+// Exported: the component libraries (GTK, HTTP) linked with the shared
+// library must record into the same per-thread message that
+// qs_last_error_message reads.
+QS_EXPORT qs_status_t fail(const char* function, qs_status_t status, const char* message) noexcept;
 
 // Throws QS_ERROR_NULL_ARGUMENT naming `name` when `pointer` is null.
 template <typename T>
