@@ -19,23 +19,6 @@ void log(GLogLevelFlags level, const std::string& line) {
   g_log(kLogDomain, level, "%s", line.c_str());
 }
 
-// Runs `task` on `context` from its loop, never inline: the caller's state is
-// settled before it runs.
-void post(GMainContext* context, std::function<void()> task) {
-  GSource* source = g_idle_source_new();
-  g_source_set_priority(source, G_PRIORITY_DEFAULT);
-  g_source_set_callback(
-      source,
-      [](gpointer data) {
-        (*static_cast<std::function<void()>*>(data))();
-        return G_SOURCE_REMOVE;
-      },
-      new std::function<void()>(std::move(task)),
-      [](gpointer data) { delete static_cast<std::function<void()>*>(data); });
-  g_source_attach(source, context);
-  g_source_unref(source);
-}
-
 // The page's handle, touched on the GTK thread only.
 struct PageSlot {
   std::shared_ptr<QSBlockPage> page;
@@ -310,6 +293,21 @@ void PageObserver::blockPageEnded(QSBlockPageEnd end) {
 }
 
 }  // namespace
+
+void post(GMainContext* context, std::function<void()> task) {
+  GSource* source = g_idle_source_new();
+  g_source_set_priority(source, G_PRIORITY_DEFAULT);
+  g_source_set_callback(
+      source,
+      [](gpointer data) {
+        (*static_cast<std::function<void()>*>(data))();
+        return G_SOURCE_REMOVE;
+      },
+      new std::function<void()>(std::move(task)),
+      [](gpointer data) { delete static_cast<std::function<void()>*>(data); });
+  g_source_attach(source, context);
+  g_source_unref(source);
+}
 
 std::function<void()> ChallengeFlow::start(std::shared_ptr<Protection> protection,
                                            std::shared_ptr<Transport> transport,

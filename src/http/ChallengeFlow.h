@@ -1,5 +1,7 @@
 #pragma once
 
+#include <glib.h>
+
 #include <functional>
 #include <memory>
 #include <string>
@@ -8,6 +10,10 @@
 #include "quarrystone/http/Protection.h"
 
 namespace qs::http {
+
+// Runs `task` on `context` from its loop, never inline: the caller's state is
+// settled before it runs. Any thread.
+void post(GMainContext* context, std::function<void()> task);
 
 // One answer of the backend, as far as the flow needs to see it.
 struct BackendAnswer {

@@ -21,21 +21,6 @@ constexpr const char* kAttachmentKey = "qs-attachment";
 // longer one is cut by the logger, fails to parse and passes through.
 constexpr int kMaxBlockBody = 256 * 1024;
 
-// Runs `task` on `context` from its loop, never inline.
-void post(GMainContext* context, std::function<void()> task) {
-  GSource* source = g_idle_source_new();
-  g_source_set_callback(
-      source,
-      [](gpointer data) {
-        (*static_cast<std::function<void()>*>(data))();
-        return G_SOURCE_REMOVE;
-      },
-      new std::function<void()>(std::move(task)),
-      [](gpointer data) { delete static_cast<std::function<void()>*>(data); });
-  g_source_attach(source, context);
-  g_source_unref(source);
-}
-
 std::string uriOf(SoupMessage* message) {
   char* text = g_uri_to_string(soup_message_get_uri(message));
   std::string uri = text != nullptr ? text : "";
@@ -204,7 +189,12 @@ class SoupTransport final : public Transport, public std::enable_shared_from_thi
     SoupTransport& t = **self;
     t.busy_ = false;
     t.bytes_ = soup_session_send_and_read_finish(SOUP_SESSION(source), result, &t.error_);
-    if (auto pending = std::exchange(t.pending_, nullptr)) return pending();
+    if (auto pending = std::exchange(t.pending_, nullptr)) {
+      // The outcome came while this send ran (a cancel): it wins, and the
+      // flow's completion goes, or flow and transport would hold each other.
+      t.done_ = nullptr;
+      return pending();
+    }
     BackendAnswer answer;
     answer.transferred = t.bytes_ != nullptr;
     answer.status = static_cast<long>(soup_message_get_status(t.message_));
