@@ -70,6 +70,8 @@ class Status(enum.IntEnum):
     ALREADY_EXISTS = 5
     OUT_OF_MEMORY = 6
     INTERNAL = 7
+    WRONG_THREAD = 8
+    REQUEST_FAILED = 9
 
 
 class LogLevel(enum.IntEnum):
