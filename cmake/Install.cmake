@@ -30,7 +30,7 @@ install(DIRECTORY src/platform/fake/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/qua
         FILES_MATCHING PATTERN "*.h")
 set(qs_install_targets quarrystone quarrystone_shared quarrystone_c quarrystone_fake)
 if(TARGET quarrystone_gtk)
-  list(APPEND qs_install_targets quarrystone_gtk quarrystone_http)
+  list(APPEND qs_install_targets quarrystone_gtk quarrystone_gtk_shared quarrystone_http)
 endif()
 if(TARGET quarrystone_soup)
   list(APPEND qs_install_targets quarrystone_soup)

@@ -50,6 +50,19 @@ def _close_all() -> None:
         manager.close()
 
 
+_gtk_lib: Optional[ctypes.CDLL] = None
+
+
+def _gtk() -> ctypes.CDLL:
+    """The web view component, loaded on first use."""
+    global _gtk_lib
+    core = _c()
+    with _lib_lock:
+        if _gtk_lib is None:
+            _gtk_lib = _library.load_gtk(core)
+        return _gtk_lib
+
+
 def _c() -> ctypes.CDLL:
     """The loaded library, loaded on first use."""
     global _lib
@@ -171,8 +184,13 @@ class Manager:
         log_level: LogLevel = LogLevel.WARNING,
         custom_parameters: Optional[Mapping[str, Any]] = None,
         shared: bool = False,
+        gtk: bool = False,
     ) -> None:
         lib = _c()
+        # With gtk=True the pages show in GTK windows on the thread that runs
+        # GLib's default main context: the caller calls gtk_init() first and
+        # iterates that context (see show_block_response).
+        self._gtk = _gtk() if gtk else None
         self.app_id = app_id
         self._on_ready = on_ready
         self._on_new_headers = on_new_headers
@@ -207,6 +225,12 @@ class Manager:
                       for v in (bundle_identifier, bundle_name, bundle_version)),
                 )
             )
+            if self._gtk is not None:
+                glib = ctypes.CDLL("libglib-2.0.so.0")
+                glib.g_main_context_default.restype = ctypes.c_void_p
+                _check(lib.qs_platform_options_set_main_context(options,
+                                                                glib.g_main_context_default()))
+                _check(self._gtk.qs_platform_options_use_gtk(options))
             if log is not None:
                 _log_trampolines.append(self._c_log)
                 _check(lib.qs_platform_options_set_log(options, self._c_log, None, int(log_level)))
@@ -346,6 +370,23 @@ class Manager:
                 app_id=field(lib.qs_block_response_app_id),
                 page=field(lib.qs_block_response_page),
             )
+        finally:
+            lib.qs_block_response_free(handle)
+
+    def show_block_response(self, body: Union[Mapping[str, Any], str, bytes], window: int) -> None:
+        """Shows the block or captcha page of a blocked answer's body in a modal
+        window over ``window`` (a GtkWindow pointer, as an int). A solved
+        captcha brings fresh headers through ``on_new_headers``. GTK thread
+        only; the manager must have been made with ``gtk=True``."""
+        if self._gtk is None:
+            raise QuarrystoneError(Status.INVALID_ARGUMENT, "the manager was made without gtk=True")
+        text = body if isinstance(body, (str, bytes)) else json.dumps(dict(body))
+        raw = text.encode("utf-8") if isinstance(text, str) else text
+        lib = _c()
+        handle = ctypes.c_void_p()
+        _check(lib.qs_manager_check_error(self._live(), raw, ctypes.byref(handle)))
+        try:
+            _check(self._gtk.qs_manager_show_block_response(self._live(), handle, window))
         finally:
             lib.qs_block_response_free(handle)
 

@@ -47,6 +47,7 @@ _PROTOTYPES = {
     "qs_platform_options_free": (None, [_P]),
     "qs_platform_options_set_bundle": (c_status, [_P, _S, _S, _S]),
     "qs_platform_options_set_log": (c_status, [_P, LOG_FN, _P, ctypes.c_int]),
+    "qs_platform_options_set_main_context": (c_status, [_P, _P]),
     "qs_manager_create": (c_status, [_P, _P, _PP]),
     "qs_manager_shared": (c_status, [_P, _P, _PP]),
     "qs_manager_destroy": (None, [_P]),
@@ -112,4 +113,36 @@ def load() -> ctypes.CDLL:
     raise OSError(
         "the Quarrystone library could not be loaded (set QUARRYSTONE_LIBRARY to its path): "
         + "; ".join(errors)
+    )
+
+
+# The web view component's C entry points (libquarrystone_gtk.so).
+_GTK_PROTOTYPES = {
+    "qs_platform_options_use_gtk": (c_status, [_P]),
+    "qs_manager_show_block_response": (c_status, [_P, _P, _P]),
+}
+
+
+def load_gtk(core: ctypes.CDLL) -> ctypes.CDLL:
+    """Loads the web view component: the file named by QUARRYSTONE_GTK_LIBRARY,
+    else libquarrystone_gtk_c beside the loaded core library, else by SONAME.
+    Raises OSError when none loads."""
+    named = os.environ.get("QUARRYSTONE_GTK_LIBRARY")
+    beside = os.path.join(os.path.dirname(core._name), f"libquarrystone_gtk_c.so.{API_MAJOR}")
+    candidates = [named] if named else [beside, f"libquarrystone_gtk_c.so.{API_MAJOR}"]
+    errors = []
+    for path in candidates:
+        try:
+            library = ctypes.CDLL(path)
+        except OSError as error:
+            errors.append(f"{path}: {error}")
+            continue
+        for name, (result, arguments) in _GTK_PROTOTYPES.items():
+            function = getattr(library, name)
+            function.restype = result
+            function.argtypes = arguments
+        return library
+    raise OSError(
+        "the Quarrystone web view component could not be loaded "
+        "(set QUARRYSTONE_GTK_LIBRARY to its path): " + "; ".join(errors)
     )

@@ -1,11 +1,13 @@
 """The package against the sandbox: readiness with a level-3 token, custom
 parameters reaching the collector, a forced captcha recognised from the
-backend's answer, and callbacks that raise."""
+backend's answer and solved in a window, and callbacks that raise."""
 
 from __future__ import annotations
 
+import ctypes
 import logging
 import threading
+import time
 
 import pytest
 
@@ -92,3 +94,43 @@ def test_errors_become_exceptions(sandbox) -> None:
     manager.close()
     with pytest.raises(QuarrystoneError):
         manager.start()
+
+
+def test_forced_captcha_is_solved_in_a_window(sandbox, private_display) -> None:
+    """The page of a forced captcha, shown over a GTK window through the web
+    view component, solves itself and brings a token the backend accepts."""
+    gtk = ctypes.CDLL("libgtk-4.so.1")
+    glib = ctypes.CDLL("libglib-2.0.so.0")
+    gtk.gtk_window_new.restype = ctypes.c_void_p
+    gtk.gtk_window_present.argtypes = [ctypes.c_void_p]
+    gtk.gtk_window_destroy.argtypes = [ctypes.c_void_p]
+    glib.g_main_context_iteration.argtypes = [ctypes.c_void_p, ctypes.c_int]
+    assert gtk.gtk_init_check()
+    window = gtk.gtk_window_new()
+    gtk.gtk_window_present(window)
+
+    def iterate_until(done, seconds: float = 60) -> bool:
+        # The library runs on this thread's GLib context, as the pages do.
+        deadline = time.monotonic() + seconds
+        while not done() and time.monotonic() < deadline:
+            if not glib.g_main_context_iteration(None, 0):
+                time.sleep(0.01)
+        return done()
+
+    with Manager("py-app", gtk=True, **sandbox.settings()) as manager:
+        assert iterate_until(lambda: manager.headers.get("X-QS-AUTHORIZATION", "1") != "1")
+        before = manager.new_headers_count
+        manager.force_captcha_token()
+        assert iterate_until(lambda: manager.new_headers_count > before)
+        status, body = sandbox.backend(manager.headers, "?autosolve=1")
+        assert status == 403
+        manager.reset_debug_settings()
+        forced = manager.headers["X-QS-AUTHORIZATION"]
+        before = manager.new_headers_count
+        manager.show_block_response(body.decode(), window)
+        assert iterate_until(lambda: manager.new_headers_count > before)
+        fresh = manager.headers
+        assert fresh["X-QS-AUTHORIZATION"].startswith("3:")
+        assert fresh["X-QS-AUTHORIZATION"] != forced
+        assert sandbox.backend(fresh)[0] == 200
+    gtk.gtk_window_destroy(window)
