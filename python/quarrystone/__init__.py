@@ -353,11 +353,8 @@ class Manager:
     def check_error(self, body: Union[Mapping[str, Any], str, bytes]) -> BlockResponse:
         """Recognises the body with which the host's backend blocked a request:
         a parsed JSON object, or the JSON text itself."""
-        text = body if isinstance(body, (str, bytes)) else json.dumps(dict(body))
-        raw = text.encode("utf-8") if isinstance(text, str) else text
         lib = _c()
-        handle = ctypes.c_void_p()
-        _check(lib.qs_manager_check_error(self._live(), raw, ctypes.byref(handle)))
+        handle = self._block_response(body)
         try:
 
             def field(get: Any) -> str:
@@ -380,15 +377,19 @@ class Manager:
         only; the manager must have been made with ``gtk=True``."""
         if self._gtk is None:
             raise QuarrystoneError(Status.INVALID_ARGUMENT, "the manager was made without gtk=True")
-        text = body if isinstance(body, (str, bytes)) else json.dumps(dict(body))
-        raw = text.encode("utf-8") if isinstance(text, str) else text
-        lib = _c()
-        handle = ctypes.c_void_p()
-        _check(lib.qs_manager_check_error(self._live(), raw, ctypes.byref(handle)))
+        handle = self._block_response(body)
         try:
             _check(self._gtk.qs_manager_show_block_response(self._live(), handle, window))
         finally:
-            lib.qs_block_response_free(handle)
+            _c().qs_block_response_free(handle)
+
+    def _block_response(self, body: Union[Mapping[str, Any], str, bytes]) -> ctypes.c_void_p:
+        """A qs_block_response_t for a body (the caller frees it)."""
+        text = body if isinstance(body, (str, bytes)) else json.dumps(dict(body))
+        raw = text.encode("utf-8") if isinstance(text, str) else text
+        handle = ctypes.c_void_p()
+        _check(_c().qs_manager_check_error(self._live(), raw, ctypes.byref(handle)))
+        return handle
 
     # -- calls from the library's thread -----------------------------------
 

@@ -91,6 +91,13 @@ def _candidates() -> list[str]:
     return [path for path in found if path] + [f"libquarrystone.so.{API_MAJOR}"]
 
 
+def _declare(library: ctypes.CDLL, prototypes: dict) -> None:
+    for name, (result, arguments) in prototypes.items():
+        function = getattr(library, name)
+        function.restype = result
+        function.argtypes = arguments
+
+
 def load() -> ctypes.CDLL:
     """Loads the library and declares its functions. Raises OSError when no
     candidate loads or the loaded one has another C interface major version."""
@@ -101,10 +108,7 @@ def load() -> ctypes.CDLL:
         except OSError as error:
             errors.append(f"{path}: {error}")
             continue
-        for name, (result, arguments) in _PROTOTYPES.items():
-            function = getattr(library, name)
-            function.restype = result
-            function.argtypes = arguments
+        _declare(library, _PROTOTYPES)
         major = library.qs_api_version() >> 16
         if major != API_MAJOR:
             errors.append(f"{path}: C interface {major}, this package needs {API_MAJOR}")
@@ -137,10 +141,7 @@ def load_gtk(core: ctypes.CDLL) -> ctypes.CDLL:
         except OSError as error:
             errors.append(f"{path}: {error}")
             continue
-        for name, (result, arguments) in _GTK_PROTOTYPES.items():
-            function = getattr(library, name)
-            function.restype = result
-            function.argtypes = arguments
+        _declare(library, _GTK_PROTOTYPES)
         return library
     raise OSError(
         "the Quarrystone web view component could not be loaded "
