@@ -6,7 +6,8 @@
 
 // The field code table: every fact sent to the collector is keyed by a short
 // code ("QS320") rather than a readable name. Each entry below becomes one
-// exported constant named after the field, in declaration order. Codes are
+// constant named after the field, defined in this header: the library keeps
+// no symbol for it, so hundreds of names cost a host nothing at load time. Codes are
 // not simply the position in the list: 5, 37, 132, 253, 284 and 285 are never
 // given, and the two entries after QSFM_CLICK_COUNTER take 294 and 295 while
 // the eight after them take 286 to 293. Both quirks are what the collector
@@ -366,9 +367,9 @@
 namespace qs {
 
 // Version of the table, a string: "6".
-QS_EXPORT extern const char* const QSFieldsMapping_VERSION;
+inline constexpr const char* QSFieldsMapping_VERSION = "6";
 
-#define QS_DECLARE_FIELD(constant, code) QS_EXPORT extern const char* const constant;
+#define QS_DECLARE_FIELD(constant, code) inline constexpr const char* constant = code;
 QS_FIELDS_MAPPING_LIST(QS_DECLARE_FIELD)
 #undef QS_DECLARE_FIELD
 
