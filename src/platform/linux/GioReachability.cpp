@@ -69,7 +69,7 @@ std::optional<ReachabilityTargetKind> classifyReachabilityTarget(const std::stri
 // - is local address and is direct: loopback targets; is direct alone for
 //   link-local targets, which are reached without a gateway.
 // - transient connection, connection on traffic, connection on demand: never;
-//   GIO has no notion of a connection brought up on demand.
+//   the route table has no notion of a connection brought up on demand.
 std::uint32_t reachabilityFlagsFor(const NetworkState& network, ReachabilityTargetKind kind,
                                    bool routeToTarget) {
   std::uint32_t flags = 0;
