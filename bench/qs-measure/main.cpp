@@ -15,19 +15,29 @@
 //     more round trip, for the TCP handshake): first launch with and without
 //     the challenge, and a relaunch on the same store, in milliseconds and in
 //     round trips, with the headers available right after startWith().
+//   - with --memory, the resident memory and malloc heap the library adds to
+//     the process after managerReady and after --exchanges N forced renewals
+//     (1,000 by default), apart from what libcurl and OpenSSL take for
+//     themselves: a baseline phase makes one plain libcurl HTTPS request to
+//     the sandbox before the library starts, so their one-time state is
+//     counted before the library's.
 //
 // Every run is a child process of its own (this program with --child), so
 // each starts cold: new process, new store file, new connection.
 //
 // Usage: qs-measure [--runs N] [--idle SECONDS] [--sandbox PATH] [--ca PEM]
-//                   [--host-context] [--rtt MS]
+//                   [--host-context] [--rtt MS] [--memory [--exchanges N]]
+#include <curl/curl.h>
 #include <dirent.h>
+#include <malloc.h>
 #include <pthread.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <new>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -43,6 +53,7 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -52,6 +63,7 @@
 #include "DelayRelay.h"
 #include "manager/QSManagerHelper.h"
 #include "manager/QSManagerInternals.h"
+#include "network/QSNetworkManager.h"
 #include "quarrystone/LinuxPlatform.h"
 #include "quarrystone/QSManager.h"
 
@@ -78,6 +90,9 @@ struct Options {
   bool hostContext = false;
   // Round-trip time of the delaying relay, 0 for plain loopback.
   int rttMs = 0;
+  // The memory report, and the forced renewals it makes.
+  bool memory = false;
+  long exchanges = 1000;
 };
 
 // ---------------------------------------------------------------- child ---
@@ -266,6 +281,181 @@ int childMain(const Options& o) {
   std::fflush(stdout);
   // The process ends here; the manager's threads go with it.
   std::_Exit(ready ? 0 : 1);
+}
+
+// ------------------------------------------------------- memory, child ---
+
+// Live bytes allocated through C++ operator new in this process: the
+// library's own objects (it is linked into this program) plus the little this
+// program keeps; libcurl, OpenSSL, SQLite and GLib allocate with malloc and
+// are not in it. Unlike malloc's in-use figure, chunks parked in per-thread
+// caches do not count, so this is what is really held.
+std::atomic<long long> liveCxxBytes{0};
+
+}  // namespace
+
+void* operator new(std::size_t size) {
+  void* p = std::malloc(size == 0 ? 1 : size);
+  if (p == nullptr) throw std::bad_alloc();
+  liveCxxBytes.fetch_add(static_cast<long long>(malloc_usable_size(p)), std::memory_order_relaxed);
+  return p;
+}
+void* operator new[](std::size_t size) { return operator new(size); }
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+  try {
+    return operator new(size);
+  } catch (...) {
+    return nullptr;
+  }
+}
+void* operator new[](std::size_t size, const std::nothrow_t& tag) noexcept {
+  return operator new(size, tag);
+}
+void operator delete(void* p) noexcept {
+  if (p == nullptr) return;
+  liveCxxBytes.fetch_sub(static_cast<long long>(malloc_usable_size(p)), std::memory_order_relaxed);
+  std::free(p);
+}
+void operator delete[](void* p) noexcept { operator delete(p); }
+void operator delete(void* p, std::size_t) noexcept { operator delete(p); }
+void operator delete[](void* p, std::size_t) noexcept { operator delete(p); }
+void operator delete(void* p, const std::nothrow_t&) noexcept { operator delete(p); }
+void operator delete[](void* p, const std::nothrow_t&) noexcept { operator delete(p); }
+
+namespace {
+
+// Counts the log lines that tell how exchanges ended; keeps none of them, so
+// the report does not measure its own log.
+class CompletionLog final : public qs::Log {
+ public:
+  using qs::Log::write;
+  void write(qs::LogLevel, std::string_view line) override {
+    if (line.rfind("handleCollectorResponse <--", 0) == 0 ||
+        line.rfind("CollectorRequest received error: ", 0) == 0) {
+      completions.fetch_add(1);
+    }
+    if (line.rfind("CollectorRequest received error: ", 0) == 0) failures.fetch_add(1);
+  }
+  std::atomic<long> completions{0};
+  std::atomic<long> failures{0};
+};
+
+// The process's memory now: resident set from /proc/self/status (kB), and
+// malloc's view over all arenas (bytes in use, bytes it holds from the
+// system).
+qs::Value sampleMemory(const std::string& label) {
+  qs::Value sample = {{"label", label}};
+  std::ifstream status("/proc/self/status");
+  for (std::string line; std::getline(status, line);) {
+    for (const char* key : {"VmRSS", "RssAnon", "RssFile"}) {
+      const std::string prefix = std::string(key) + ":";
+      if (line.rfind(prefix, 0) == 0) sample[key] = std::atol(line.c_str() + prefix.size());
+    }
+  }
+  const struct mallinfo2 heap = mallinfo2();
+  sample["heap_in_use"] = heap.uordblks + heap.hblkhd;
+  sample["heap_held"] = heap.arena + heap.hblkhd;
+  sample["cxx_live"] = liveCxxBytes.load();
+  sample["threads"] = std::distance(std::filesystem::directory_iterator("/proc/self/task"),
+                                    std::filesystem::directory_iterator());
+  return sample;
+}
+
+std::size_t discardBody(char*, std::size_t size, std::size_t count, void*) { return size * count; }
+
+// One HTTPS request with plain libcurl, as any host that uses it makes:
+// libcurl's and OpenSSL's one-time state (global init, algorithm tables,
+// error strings, the first TLS context) is then in place before the library.
+bool plainHttpsRequest(int port, const std::string& ca) {
+  curl_global_init(CURL_GLOBAL_DEFAULT);
+  CURL* easy = curl_easy_init();
+  if (easy == nullptr) return false;
+  const std::string url = "https://localhost:" + std::to_string(port) + "/";
+  curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
+  curl_easy_setopt(easy, CURLOPT_CAINFO, ca.c_str());
+  curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, discardBody);
+  curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(easy, CURLOPT_TIMEOUT, 10L);
+  const CURLcode result = curl_easy_perform(easy);
+  curl_easy_cleanup(easy);
+  return result == CURLE_OK;
+}
+
+int memoryChild(const Options& o) {
+  qs::Value samples = qs::Value::array();
+  samples.push_back(sampleMemory("process start"));
+  const bool baseline = plainHttpsRequest(o.port, o.ca);
+  samples.push_back(sampleMemory("after one plain libcurl HTTPS request"));
+
+  qs::DeploymentSettings settings;
+  settings.collectorHostPattern = "{appId}.collector.localhost:" + std::to_string(o.port);
+  settings.webDomain = "localhost:" + std::to_string(o.port);
+  settings.caFile = o.ca;
+  settings.storePath = o.store;
+  auto log = std::make_shared<CompletionLog>();
+  qs::LinuxPlatformOptions platformOptions;
+  platformOptions.bundle = qs::BundleInfo{"1.0", "qs-measure", "org.quarrystone.measure", {"en"}};
+  platformOptions.log = log;
+  platformOptions.logLevel = qs::LogLevel::Debug;  // the completion lines are debug lines
+  GMainContext* hostContext = nullptr;
+  if (o.hostContext) {
+    hostContext = g_main_context_new();
+    GMainLoop* hostLoop = g_main_loop_new(hostContext, FALSE);
+    platformOptions.hostContext = hostContext;
+    std::thread([hostContext, hostLoop] {
+      pthread_setname_np(pthread_self(), "host-loop");
+      g_main_context_push_thread_default(hostContext);
+      g_main_loop_run(hostLoop);
+    }).detach();  // the process ends with _Exit below
+    while (!g_main_loop_is_running(hostLoop)) std::this_thread::yield();
+  }
+  auto manager = qs::QSManager::create(qs::makeLinuxPlatform(settings, platformOptions), settings);
+  auto delegate = std::make_shared<ReadyDelegate>();
+  manager->setDelegate(delegate);
+  manager->startWith(o.appId);
+  const bool ready = delegate->wait(20).has_value();
+  const auto settle = [&] {
+    std::this_thread::sleep_for(std::chrono::duration<double>(o.settleSeconds));
+  };
+  settle();
+  samples.push_back(sampleMemory("managerReady, at rest"));
+
+  // Forced renewals: the activity the renewal timer sends when the token
+  // nears its end, one after the other, each awaited with its answer.
+  auto& helper = qs::QSManagerInternals::managerHelper(*manager);
+  const auto pending = [&] {
+    return qs::QSManagerInternals::networkManager(*manager)->requestsQueue().operationCount();
+  };
+  long stalled = 0;
+  const long early = std::min(100L, o.exchanges);
+  for (long i = 0; i < o.exchanges; ++i) {
+    const long before = log->completions.load();
+    helper.sendAppIdleActivity();
+    const auto deadline = SteadyClock::now() + std::chrono::seconds(20);
+    while (!(log->completions.load() > before && pending() == 0)) {
+      if (SteadyClock::now() >= deadline) {
+        ++stalled;
+        break;
+      }
+      std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+    if (i + 1 == early && early < o.exchanges) {
+      settle();
+      samples.push_back(sampleMemory(fmt::format("after {} exchanges, at rest", early)));
+    }
+  }
+  settle();
+  samples.push_back(sampleMemory(fmt::format("after {} exchanges, at rest", o.exchanges)));
+
+  qs::Value result = {{"ok", baseline && ready && stalled == 0},
+                      {"baseline_ok", baseline},
+                      {"ready", ready},
+                      {"stalled", stalled},
+                      {"failures", log->failures.load()},
+                      {"samples", samples}};
+  std::printf("%s\n", result.dump().c_str());
+  std::fflush(stdout);
+  std::_Exit(0);
 }
 
 // --------------------------------------------------------------- parent ---
@@ -595,6 +785,91 @@ int runParent(const Options& o, const std::string& self) {
   return ok ? 0 : 1;
 }
 
+// The memory report: one fresh child process against a sandbox, its samples
+// as a table, with the library's share apart from libcurl's and OpenSSL's.
+int runMemory(const Options& o, const std::string& self) {
+  char dirTemplate[] = "/tmp/qs-measure-XXXXXX";
+  if (mkdtemp(dirTemplate) == nullptr) return 1;
+  const std::string dir = dirTemplate;
+  auto sandbox = startSandbox(o, dir + "/memory.jsonl", true);
+  if (!sandbox) {
+    std::fprintf(stderr, "qs-measure: cannot start %s\n", o.sandbox.c_str());
+    return 1;
+  }
+  const std::string appId = appIdFor(0);
+  std::vector<std::string> args = {self,
+                                   "--child",
+                                   "--memory",
+                                   "--exchanges",
+                                   std::to_string(o.exchanges),
+                                   "--port",
+                                   std::to_string(sandbox->port),
+                                   "--app-id",
+                                   appId,
+                                   "--store",
+                                   dir + "/" + appId + ".sqlite",
+                                   "--ca",
+                                   o.ca,
+                                   "--settle",
+                                   std::to_string(o.settleSeconds)};
+  if (o.hostContext) args.emplace_back("--host-context");
+  auto spawned = spawnWithOutput(args);
+  if (!spawned) return 1;
+  const std::string line = readLine(spawned->second);
+  std::fclose(spawned->second);
+  waitpid(spawned->first, nullptr, 0);
+  const qs::Value report = qs::Value::parse(line, nullptr, false);
+  std::error_code ignored;
+  std::filesystem::remove_all(dir, ignored);
+  if (!report.is_object() || !report.contains("samples")) {
+    std::fprintf(stderr, "qs-measure: the memory child failed: %s\n", line.c_str());
+    return 1;
+  }
+  std::printf("qs-measure: memory of one host process, loopback HTTPS, real Linux platform\n");
+  std::printf(
+      "main loop: %s; %ld forced renewals, one after the other; at rest = %.0f s "
+      "after the last work\n",
+      o.hostContext ? "the host's GLib context" : "the library's own loop thread", o.exchanges,
+      o.settleSeconds);
+  std::printf("\n%-38s %9s %9s %9s %12s %12s %12s %7s\n", "point", "VmRSS kB", "anon kB", "file kB",
+              "heap in use", "heap held", "C++ live", "threads");
+  const auto& samples = report["samples"];
+  for (const auto& s : samples) {
+    std::printf("%-38s %9ld %9ld %9ld %12zu %12zu %12lld %7ld\n", s.value("label", "").c_str(),
+                s.value("VmRSS", 0L), s.value("RssAnon", 0L), s.value("RssFile", 0L),
+                s.value("heap_in_use", std::size_t{0}), s.value("heap_held", std::size_t{0}),
+                s.value("cxx_live", 0LL), s.value("threads", 0L));
+  }
+  std::printf(
+      "(VmRSS = anon + file + shmem; heap = malloc over all arenas: bytes in use, incl. "
+      "chunks cached per thread, and bytes held from the system; C++ live = bytes held through "
+      "operator new, the library's own objects)\n");
+  const auto delta = [&](std::size_t from, std::size_t to, const char* key) {
+    return samples[to].value(key, 0.0) - samples[from].value(key, 0.0);
+  };
+  const auto row = [&](const std::string& what, std::size_t from, std::size_t to) {
+    std::printf(
+        "%-34s RSS %+7.0f kB (anon %+6.0f, file %+6.0f), heap in use %+7.1f kB, "
+        "C++ live %+7.1f kB\n",
+        what.c_str(), delta(from, to, "VmRSS"), delta(from, to, "RssAnon"),
+        delta(from, to, "RssFile"), delta(from, to, "heap_in_use") / 1024,
+        delta(from, to, "cxx_live") / 1024);
+  };
+  const std::size_t last = samples.size() - 1;
+  std::printf("\n");
+  row("libcurl + OpenSSL, one request", 0, 1);
+  row("the library, to managerReady", 1, 2);
+  if (last > 3) {
+    const long early = std::min(100L, o.exchanges);
+    row(fmt::format("exchanges 1 to {}", early), 2, 3);
+    row(fmt::format("exchanges {} to {}", early + 1, o.exchanges), 3, last);
+  }
+  row("the library in all, at the end", 1, last);
+  std::printf("exchanges that failed: %ld, did not complete within 20 s: %ld\n",
+              report.value("failures", 0L), report.value("stalled", 0L));
+  return report.value("ok", false) ? 0 : 1;
+}
+
 bool parse(int argc, char** argv, Options& o) {
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
@@ -616,6 +891,10 @@ bool parse(int argc, char** argv, Options& o) {
       o.trace = true;
     } else if (arg == "--host-context") {
       o.hostContext = true;
+    } else if (arg == "--memory") {
+      o.memory = true;
+    } else if (arg == "--exchanges") {
+      ok = take(o.exchanges) && o.exchanges > 0;
     } else if (arg == "--rtt") {
       ok = take(o.rttMs) && o.rttMs > 0;
     } else if (arg == "--runs") {
@@ -649,10 +928,12 @@ int main(int argc, char** argv) {
   if (!parse(argc, argv, options)) {
     std::fprintf(stderr,
                  "usage: qs-measure [--runs N] [--idle SECONDS] [--settle SECONDS] "
-                 "[--sandbox PATH] [--ca PEM] [--host-context] [--rtt MS]\n");
+                 "[--sandbox PATH] [--ca PEM] [--host-context] [--rtt MS] "
+                 "[--memory [--exchanges N]]\n");
     return 2;
   }
-  if (options.child) return childMain(options);
+  if (options.child) return options.memory ? memoryChild(options) : childMain(options);
   const std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
+  if (options.memory) return runMemory(options, self);
   return options.rttMs > 0 ? runRtt(options, self) : runParent(options, self);
 }

@@ -1,7 +1,8 @@
 // The libcurl HTTP client. One network loop (a GLib loop on a thread the
-// library runs) drives every transfer through a single multi handle, so
-// connections, DNS answers and TLS set-up are shared between requests, and
-// calls each completion on that loop's thread.
+// library runs: the library's main loop, or one of the client's own whose
+// thread ends when idle) drives every transfer through a single multi
+// handle, so connections, DNS answers and TLS set-up are shared between
+// requests, and calls each completion on that loop's thread.
 #include <curl/curl.h>
 #include <fmt/format.h>
 #include <glib-unix.h>
@@ -40,6 +41,9 @@ namespace {
 
 constexpr long kMaxRedirects = 5;
 constexpr long kMaxIdleConnectionSeconds = 2;
+// A network loop of the client's own ends its thread after this long without
+// a transfer; kept-alive connections are not reused after that anyway.
+constexpr std::chrono::milliseconds kNetworkThreadIdle{2000};
 // Transfers run at once; later requests wait as plain requests (no easy
 // handle, no socket) until one finishes. An easy handle costs tens of KB
 // and a connection a descriptor, so a backlog must not hold one each. Ample
@@ -678,6 +682,16 @@ class CurlEngine : public std::enable_shared_from_this<CurlEngine> {
       }
     }
     startWaiting();
+    markBusy(!active_.empty());
+  }
+
+  // Network loop: a loop of the client's own keeps its thread while
+  // transfers run (they may wait seconds for a socket) and lets it go after
+  // the last. Requests still queued are dispatches, which the loop counts.
+  void markBusy(bool busy) {
+    if (busy == busy_) return;
+    busy_ = busy;
+    setGlibLoopBusy(*network_, busy);
   }
 
   void finish(Transfer& t, CURLcode result) {
@@ -736,6 +750,7 @@ class CurlEngine : public std::enable_shared_from_this<CurlEngine> {
     multi_ = nullptr;
     cancelTimer();
     while (!sockets_.empty()) unwatch(sockets_.begin()->first);
+    markBusy(false);
   }
 
   std::shared_ptr<Log> log_;
@@ -757,6 +772,7 @@ class CurlEngine : public std::enable_shared_from_this<CurlEngine> {
   std::unordered_map<curl_socket_t, GSource*> sockets_;
   GSource* timer_ = nullptr;
   bool warmUpJoined_ = false;
+  bool busy_ = false;
 };
 
 // Owned by the platform; the engine outlives it while the network loop winds
@@ -790,8 +806,10 @@ std::shared_ptr<HttpClient> makeCurlHttpClient(const std::string& caFile, std::s
     curl_global_init(CURL_GLOBAL_DEFAULT);
   });
   if (!log) log = makeStderrLog();
-  auto engine =
-      std::make_shared<CurlEngine>(caFile, std::move(log), glibNetworkLoop(std::move(network)));
+  if (!network || glibContextOf(*network) == nullptr) {
+    network = makeOnDemandGlibLoop(kNetworkThreadIdle);
+  }
+  auto engine = std::make_shared<CurlEngine>(caFile, std::move(log), std::move(network));
   engine->warmUp();
   return std::make_shared<CurlHttpClient>(std::move(engine));
 }

@@ -1,11 +1,15 @@
-// Reachability from GIO's network monitor. A private monitor instance lives
-// on the adapters' network loop (a GLib loop the library runs, shared with
-// the HTTP client), so its change signals arrive whatever the host does with
-// its own loops; changes are handed to the platform MainLoop. Flags are computed from a cached copy
-// of the monitor's state (plus a kernel route probe for numeric addresses), so reading them is
-// cheap and safe from any thread and never waits on DNS.
+// Reachability from the kernel's route table, judged as GIO's network
+// monitor judges it on a machine without a network manager: the network is
+// available while a default route exists. The routing socket is watched
+// from a GLib loop (the main loop's, or the one the caller names), with no
+// thread of its own and without GIO's monitor, whose first use starts GLib's
+// worker thread and tries the system bus. Changes are handed to the platform
+// MainLoop. Flags are computed from a cached copy of the state (plus a kernel
+// route probe for numeric addresses), so reading them is cheap and safe from
+// any thread and never waits on DNS.
 #include "GioReachability.h"
 
+#include <glib-unix.h>
 #include <netdb.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -22,6 +26,7 @@
 #include <vector>
 
 #include "GlibContext.h"
+#include "NetlinkRouteMonitor.h"
 #include "quarrystone/LinuxPlatform.h"
 
 namespace qs {
@@ -64,7 +69,7 @@ std::optional<ReachabilityTargetKind> classifyReachabilityTarget(const std::stri
 // - is local address and is direct: loopback targets; is direct alone for
 //   link-local targets, which are reached without a gateway.
 // - transient connection, connection on traffic, connection on demand: never;
-//   GIO has no notion of a connection brought up on demand.
+//   the route table has no notion of a connection brought up on demand.
 std::uint32_t reachabilityFlagsFor(const NetworkState& network, ReachabilityTargetKind kind,
                                    bool routeToTarget) {
   std::uint32_t flags = 0;
@@ -180,36 +185,40 @@ struct TargetCore {
   std::vector<std::thread::id> running;         // guarded by mutex: threads inside callback
 };
 
-void onNetworkChanged(GNetworkMonitor*, gboolean, gpointer watcher);
-void onPropertyChanged(GObject*, GParamSpec*, gpointer watcher);
-
-// Owns a private GNetworkMonitor that lives on the network loop: it is made
-// there, signals there and is released there. Thread contract: add() and
-// flagsOf() from any thread; the monitor and its signals only on the network
-// loop's thread.
-class NetworkWatcher {
+// Watches the route table from a GLib loop: a source on the loop's context
+// reads the routing socket's change notices and, after each burst of them,
+// the table again. Thread contract: add() and flagsOf() from any thread;
+// refresh() on the loop's thread. The source holds the socket and only a
+// weak reference to the watcher, so the watcher may go on any thread.
+class NetworkWatcher : public std::enable_shared_from_this<NetworkWatcher> {
  public:
-  // Null when no monitor can be made.
+  // Null when the routing socket cannot be used.
   static std::shared_ptr<NetworkWatcher> start(std::shared_ptr<MainLoop> mainLoop,
-                                               std::shared_ptr<MainLoop> network) {
-    auto watcher = std::make_shared<NetworkWatcher>(std::move(mainLoop), std::move(network));
-    return watcher->run() ? watcher : nullptr;
+                                               std::shared_ptr<MainLoop> loop) {
+    // Subscribed before the first read, so no change falls between the two.
+    auto monitor = NetlinkRouteMonitor::open();
+    if (!monitor) return nullptr;
+    auto available = NetlinkRouteMonitor::defaultRouteExists();
+    if (!available) return nullptr;
+    auto watcher = std::make_shared<NetworkWatcher>(std::move(mainLoop), std::move(loop));
+    watcher->state_ = stateFor(*available);
+    watcher->attach(std::move(monitor));
+    return watcher;
   }
 
-  NetworkWatcher(std::shared_ptr<MainLoop> mainLoop, std::shared_ptr<MainLoop> network)
-      : mainLoop_(std::move(mainLoop)), network_(std::move(network)) {}
+  // REQUIRES: `loop` runs on a GLib context.
+  NetworkWatcher(std::shared_ptr<MainLoop> mainLoop, std::shared_ptr<MainLoop> loop)
+      : mainLoop_(std::move(mainLoop)), loop_(std::move(loop)), context_(glibContextOf(*loop_)) {}
 
   NetworkWatcher(const NetworkWatcher&) = delete;
   NetworkWatcher& operator=(const NetworkWatcher&) = delete;
 
   ~NetworkWatcher() {
-    if (monitor_ == nullptr) return;
-    runOnLoopAndWait(*network_, [this] {
-      g_signal_handlers_disconnect_matched(monitor_, G_SIGNAL_MATCH_DATA, 0, 0, nullptr, nullptr,
-                                           this);
-      g_object_unref(monitor_);
-      monitor_ = nullptr;
-    });
+    // Safe from any thread; the socket closes once no callback can run.
+    if (source_ != nullptr) {
+      g_source_destroy(source_);
+      g_source_unref(source_);
+    }
   }
 
   void add(const std::shared_ptr<TargetCore>& target) {
@@ -233,10 +242,14 @@ class NetworkWatcher {
     return reachabilityFlagsFor(network, target.kind, route);
   }
 
-  // Network loop: refreshes the state and reports every scheduled target
-  // whose flags changed, through the main loop.
+  // Loop thread: reads the routes again and reports every scheduled target
+  // whose flags changed, through the main loop. A table that cannot be read
+  // leaves the last state.
   void refresh() {
-    readState();
+    if (auto available = NetlinkRouteMonitor::defaultRouteExists()) {
+      std::lock_guard lock(mutex_);
+      state_ = stateFor(*available);
+    }
     std::vector<std::shared_ptr<TargetCore>> targets;
     {
       std::lock_guard lock(mutex_);
@@ -259,61 +272,54 @@ class NetworkWatcher {
   }
 
  private:
-  // Makes the monitor on the network loop and waits until it exists (or
-  // has failed).
-  bool run() {
-    // The process-wide monitor tells which implementation GIO picked; ours is
-    // a fresh instance of it, made with the network loop's context as the
-    // thread default so that it signals there.
-    GNetworkMonitor* shared = g_network_monitor_get_default();
-    GMainContext* context = glibContextOf(*network_);
-    if (shared == nullptr || context == nullptr) return false;
-    GType type = reinterpret_cast<GTypeInstance*>(shared)->g_class->g_type;
-    runOnLoopAndWait(*network_, [this, type, context] {
-      g_main_context_push_thread_default(context);
-      GError* error = nullptr;
-      auto* monitor = static_cast<GNetworkMonitor*>(g_initable_new(type, nullptr, &error, nullptr));
-      if (error != nullptr) g_error_free(error);
-      g_main_context_pop_thread_default(context);
-      if (monitor == nullptr) return;
-      monitor_ = monitor;
-      g_signal_connect_data(monitor, "network-changed",
-                            reinterpret_cast<GCallback>(&onNetworkChanged), this, nullptr,
-                            static_cast<GConnectFlags>(0));
-      for (const char* signal : {"notify::connectivity", "notify::network-metered"}) {
-        g_signal_connect_data(monitor, signal, reinterpret_cast<GCallback>(&onPropertyChanged),
-                              this, nullptr, static_cast<GConnectFlags>(0));
-      }
-      readState();
-    });
-    return monitor_ != nullptr;
+  // What a default route tells: a way out, taken to reach the internet (the
+  // kernel knows nothing of captive portals); never metered.
+  static NetworkState stateFor(bool defaultRoute) {
+    return {defaultRoute, defaultRoute ? G_NETWORK_CONNECTIVITY_FULL : G_NETWORK_CONNECTIVITY_LOCAL,
+            false};
   }
 
-  // Network loop only.
-  void readState() {
-    NetworkState network{g_network_monitor_get_network_available(monitor_) != FALSE,
-                         g_network_monitor_get_connectivity(monitor_),
-                         g_network_monitor_get_network_metered(monitor_) != FALSE};
-    std::lock_guard lock(mutex_);
-    state_ = network;
+  // What the source owns: the socket, and the way back to the watcher.
+  struct Watch {
+    std::unique_ptr<NetlinkRouteMonitor> monitor;
+    std::weak_ptr<NetworkWatcher> watcher;
+  };
+
+  void attach(std::unique_ptr<NetlinkRouteMonitor> monitor) {
+    GSource* source = g_unix_fd_source_new(monitor->fd(), G_IO_IN);
+    auto* watch = new Watch{std::move(monitor), weak_from_this()};
+    // A file-descriptor source calls a GUnixFDSourceFunc through the generic
+    // callback slot; the detour through void(*)() is GLib's own idiom.
+    auto* notice = reinterpret_cast<void (*)()>(&NetworkWatcher::onNotice);
+    g_source_set_callback(source, reinterpret_cast<GSourceFunc>(notice), watch, &deleteWatch);
+    source_ = source;
+    glibHandOver();
+    g_source_attach(source, context_);
+  }
+
+  static gboolean onNotice(gint, GIOCondition condition, gpointer data) {
+    glibHandOver();
+    auto* watch = static_cast<Watch*>(data);
+    if (condition & G_IO_NVAL) return G_SOURCE_REMOVE;
+    const bool changed = watch->monitor->drainNotices();
+    if (auto watcher = watch->watcher.lock(); watcher && changed) watcher->refresh();
+    glibHandOver();
+    return G_SOURCE_CONTINUE;
+  }
+
+  static void deleteWatch(gpointer data) {
+    glibHandOver();
+    delete static_cast<Watch*>(data);
   }
 
   std::shared_ptr<MainLoop> mainLoop_;
-  std::shared_ptr<MainLoop> network_;
-  // Written on the network loop while start() or the destructor waits for it.
-  GNetworkMonitor* monitor_ = nullptr;
+  const std::shared_ptr<MainLoop> loop_;  // the loop that reads the socket
+  GMainContext* const context_;           // loop_'s
+  GSource* source_ = nullptr;             // our reference; set before the watcher is shared
   mutable std::mutex mutex_;
-  NetworkState state_;                              // guarded by mutex_
+  NetworkState state_;                              // guarded by mutex_ once shared
   std::vector<std::weak_ptr<TargetCore>> targets_;  // guarded by mutex_
 };
-
-void onNetworkChanged(GNetworkMonitor*, gboolean, gpointer watcher) {
-  static_cast<NetworkWatcher*>(watcher)->refresh();
-}
-
-void onPropertyChanged(GObject*, GParamSpec*, gpointer watcher) {
-  static_cast<NetworkWatcher*>(watcher)->refresh();
-}
 
 // Thread contract: flags() from any thread; the callback runs on the main
 // loop, only while the target is scheduled (see TargetCore::unschedule).
@@ -378,7 +384,11 @@ class GioReachability final : public Reachability {
       // The watcher starts with the first target and stays for the rest.
       std::lock_guard lock(mutex_);
       if (!watcher_ && !watcherFailed_) {
-        watcher_ = NetworkWatcher::start(mainLoop_, glibNetworkLoop(network_));
+        // The named loop, else the main loop; a loop of the watcher's own
+        // when neither runs on GLib.
+        std::shared_ptr<MainLoop> loop = network_ ? network_ : mainLoop_;
+        if (!loop || glibContextOf(*loop) == nullptr) loop = makeGlibMainLoop(nullptr);
+        watcher_ = NetworkWatcher::start(mainLoop_, std::move(loop));
         watcherFailed_ = !watcher_;
       }
       watcher = watcher_;
@@ -389,7 +399,7 @@ class GioReachability final : public Reachability {
   }
 
   std::shared_ptr<MainLoop> mainLoop_;
-  std::shared_ptr<MainLoop> network_;  // null: a loop of the watcher's own
+  std::shared_ptr<MainLoop> network_;  // null: the main loop
   std::mutex mutex_;
   std::shared_ptr<NetworkWatcher> watcher_;  // guarded by mutex_
   bool watcherFailed_ = false;               // guarded by mutex_

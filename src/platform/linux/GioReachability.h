@@ -8,7 +8,9 @@
 
 namespace qs {
 
-// What GIO's network monitor says about the machine's network.
+// What is known of the machine's network, in the terms of GIO's network
+// monitor: the route watch fills in availability (and full connectivity with
+// it); a source that knows of portals or metered links may say more.
 struct NetworkState {
   bool available = false;  // there is a default route
   GNetworkConnectivity connectivity = G_NETWORK_CONNECTIVITY_LOCAL;

@@ -8,6 +8,9 @@
 #include <glib.h>
 #include <pthread.h>
 
+#include <chrono>
+#include <system_error>
+
 #include <algorithm>
 #include <atomic>
 #include <cmath>
@@ -96,10 +99,49 @@ void handOver() {
 #endif
 }
 
-// What a source runs.
+// What an on-demand loop's thread shares with the loop's callers. The thread
+// serves the context while a source of ours is attached (a dispatch or a
+// timer not yet run) or the loop is marked busy, and ends `idle` after the
+// last of these; the next dispatch starts a new one. The decision to end is
+// taken under `mutex`, where every dispatch registers first, so none is left
+// behind with no thread to run it.
+struct DemandState {
+  DemandState(GMainContext* c, gint64 idleMicros) : context(c), idle(idleMicros) {}
+  GMainContext* const context;  // weak: the loop and its thread hold it
+  const gint64 idle;            // microseconds
+  std::mutex mutex;
+  std::size_t pending = 0;  // guarded by mutex: our sources attached and not yet destroyed
+  bool busy = false;        // guarded by mutex
+  bool stopping = false;    // guarded by mutex: the loop is being destroyed
+  bool running = false;     // guarded by mutex: a thread serves the context
+  gint64 idleSince = 0;     // guarded by mutex: monotonic time the last activity ended
+  std::atomic<std::thread::id> thread;  // the serving thread; none between threads
+
+  // Called as one of our sources goes, on whichever thread destroys it. The
+  // thread may be asleep with nothing to wake it: it is woken to start its
+  // idle count.
+  void sourceGone() {
+    std::lock_guard lock(mutex);
+    if (--pending != 0 || busy) return;
+    idleSince = g_get_monotonic_time();
+    if (!stopping && thread.load() != std::this_thread::get_id()) g_main_context_wakeup(context);
+  }
+};
+
+// What a source runs. Sources of an on-demand loop count themselves while
+// they exist.
 struct SourceCall {
-  explicit SourceCall(std::function<void()> f) : fn(std::move(f)) { handOver(); }
+  SourceCall(std::function<void()> f, std::shared_ptr<DemandState> d)
+      : fn(std::move(f)), demand(std::move(d)) {
+    handOver();
+  }
+  ~SourceCall() {
+    if (demand) demand->sourceGone();
+  }
+  SourceCall(const SourceCall&) = delete;
+  SourceCall& operator=(const SourceCall&) = delete;
   std::function<void()> fn;
+  std::shared_ptr<DemandState> demand;
 };
 
 gboolean runSourceCall(gpointer data) {
@@ -185,12 +227,56 @@ gboolean quitLoop(gpointer loop) {
 
 void unrefLoop(gpointer loop) { g_main_loop_unref(static_cast<GMainLoop*>(loop)); }
 
+gboolean clearWake(gpointer) {
+  g_source_set_ready_time(g_main_current_source(), -1);
+  return G_SOURCE_CONTINUE;
+}
+
+// An on-demand loop's thread: serves the context until it has been idle for
+// the state's time, or the loop goes.
+void serveOnDemand(std::shared_ptr<DemandState> demand, GMainContext* context, GSource* wake) {
+  pthread_setname_np(pthread_self(), "qs-network");
+  demand->thread.store(std::this_thread::get_id());
+  g_main_context_push_thread_default(context);
+  for (;;) {
+    {
+      std::lock_guard lock(demand->mutex);
+      if (demand->stopping) break;
+      gint64 wakeAt = -1;
+      if (demand->pending == 0 && !demand->busy) {
+        wakeAt = demand->idleSince + demand->idle;
+        if (g_get_monotonic_time() >= wakeAt) {
+          demand->running = false;
+          demand->thread.store(std::thread::id());
+          break;
+        }
+      }
+      g_source_set_ready_time(wake, wakeAt);
+    }
+    g_main_context_iteration(context, TRUE);
+  }
+  g_main_context_pop_thread_default(context);
+}
+
 // Thread contract: every member may be called from any thread. On
 // destruction pending dispatches are dropped and pending timers invalidated;
 // an owned loop thread is stopped and joined (detached if the last reference
 // goes away on that very thread).
 class GlibMainLoop final : public MainLoop {
  public:
+  // A loop on a thread that runs only while there is work (see DemandState),
+  // started at once.
+  explicit GlibMainLoop(std::chrono::milliseconds idle) {
+    context_ = g_main_context_new();
+    demand_ = std::make_shared<DemandState>(context_, static_cast<gint64>(idle.count()) * 1000);
+    wake_ = newCallSource(-1, clearWake, nullptr, nullptr);
+    g_source_attach(wake_, context_);
+    state_ = std::make_shared<LoopState>(std::thread::id());
+    std::lock_guard lock(demand_->mutex);
+    demand_->idleSince = g_get_monotonic_time();
+    startOnDemandThread();
+  }
+
   explicit GlibMainLoop(GMainContext* hostContext) {
     if (hostContext != nullptr) {
       context_ = g_main_context_ref(hostContext);
@@ -223,7 +309,24 @@ class GlibMainLoop final : public MainLoop {
     for (const auto& weak : timers) {
       if (auto timer = weak.lock()) timer->invalidate();
     }
-    if (thread_.joinable()) {
+    if (demand_) {
+      std::thread thread;
+      {
+        std::lock_guard lock(demand_->mutex);
+        demand_->stopping = true;
+        thread = std::move(thread_);
+        g_main_context_wakeup(context_);
+      }
+      if (thread.joinable()) {
+        if (std::this_thread::get_id() == thread.get_id()) {
+          thread.detach();
+        } else {
+          thread.join();
+        }
+      }
+      g_source_destroy(wake_);
+      g_source_unref(wake_);
+    } else if (thread_.joinable()) {
       if (std::this_thread::get_id() == thread_.get_id()) {
         g_main_loop_quit(loop_);
         thread_.detach();
@@ -245,11 +348,14 @@ class GlibMainLoop final : public MainLoop {
   // loop, on the loop's thread, and the sanitizer only sees the hand-over.
   void dispatchAsync(std::function<void()> fn) override {
     GMainContext* context = context_;
-    auto* call = new SourceCall([state = state_, fn = std::move(fn)] {
-      if (!state->alive.load()) return;
-      state->mainThread.store(std::this_thread::get_id());
-      fn();
-    });
+    auto demand = enterOnDemand();
+    auto* call = new SourceCall(
+        [state = state_, fn = std::move(fn)] {
+          if (!state->alive.load()) return;
+          state->mainThread.store(std::this_thread::get_id());
+          fn();
+        },
+        std::move(demand));
     GSource* source = newCallSource(0, runSourceCall, call, deleteSourceCall);
     g_source_attach(source, context);
     g_source_unref(source);
@@ -265,7 +371,8 @@ class GlibMainLoop final : public MainLoop {
     }
     // The source holds the timer strongly, so a timer the caller drops still fires.
     GSource* source = newCallSource(readyTimeAfter(seconds), runSourceCall,
-                                    new SourceCall([timer] { timer->fire(); }), deleteSourceCall);
+                                    new SourceCall([timer] { timer->fire(); }, enterOnDemand()),
+                                    deleteSourceCall);
     timer->adopt(source);
     g_source_attach(source, context);
     return timer;
@@ -273,16 +380,52 @@ class GlibMainLoop final : public MainLoop {
 
   GMainContext* context() const { return context_; }
 
+  // On-demand loops: whether the thread must stay although nothing of ours
+  // is queued. Loop thread only.
+  void setBusy(bool busy) {
+    if (!demand_) return;
+    std::lock_guard lock(demand_->mutex);
+    demand_->busy = busy;
+    if (!busy) demand_->idleSince = g_get_monotonic_time();
+  }
+
   bool isMainThread() const override {
+    if (demand_) return std::this_thread::get_id() == demand_->thread.load();
     if (thread_.joinable()) return std::this_thread::get_id() == state_->mainThread.load();
     return g_main_context_is_owner(context_) ||
            std::this_thread::get_id() == state_->mainThread.load();
   }
 
  private:
+  // On-demand loops: counts a source about to be attached, and starts a
+  // thread unless one serves the context. Null for other loops.
+  std::shared_ptr<DemandState> enterOnDemand() {
+    if (!demand_) return nullptr;
+    std::lock_guard lock(demand_->mutex);
+    ++demand_->pending;
+    if (!demand_->running && !demand_->stopping) startOnDemandThread();
+    return demand_;
+  }
+
+  // REQUIRES: demand_->mutex held, no thread running. The one before has
+  // decided to end and takes no lock any more, so joining it is short.
+  void startOnDemandThread() {
+    if (thread_.joinable()) thread_.join();
+    try {
+      thread_ = std::thread(serveOnDemand, demand_, context_, wake_);
+      demand_->running = true;
+    } catch (const std::system_error&) {
+      // No thread to be had now: the next dispatch tries again.
+    }
+  }
+
   GMainContext* context_ = nullptr;  // our reference
   GMainLoop* loop_ = nullptr;        // our reference; only when we own the thread
-  std::thread thread_;               // only when we own the thread
+  // Own thread: the loop's; on-demand: the current or last serving thread,
+  // guarded by demand_->mutex.
+  std::thread thread_;
+  std::shared_ptr<DemandState> demand_;  // on-demand loops only
+  GSource* wake_ = nullptr;              // on-demand: fires at the idle deadline; our reference
   std::shared_ptr<LoopState> state_;
   std::mutex timersMutex_;
   std::vector<std::weak_ptr<GlibTimer>> timers_;  // guarded by timersMutex_
@@ -299,10 +442,15 @@ GMainContext* glibContextOf(const MainLoop& loop) {
   return glib != nullptr ? glib->context() : nullptr;
 }
 
-std::shared_ptr<MainLoop> glibNetworkLoop(std::shared_ptr<MainLoop> network) {
-  if (network && glibContextOf(*network) != nullptr) return network;
-  return makeGlibMainLoop(nullptr);
+std::shared_ptr<MainLoop> makeOnDemandGlibLoop(std::chrono::milliseconds idle) {
+  return std::make_shared<GlibMainLoop>(idle);
 }
+
+void setGlibLoopBusy(MainLoop& loop, bool busy) {
+  if (auto* glib = dynamic_cast<GlibMainLoop*>(&loop)) glib->setBusy(busy);
+}
+
+void glibHandOver() { handOver(); }
 
 bool runOnLoopAndWait(MainLoop& loop, std::function<void()> fn) {
   if (loop.isMainThread()) {

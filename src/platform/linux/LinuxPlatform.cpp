@@ -40,12 +40,13 @@ Platform makeLinuxPlatform(const DeploymentSettings& settings, LinuxPlatformOpti
   platform.clock = makeSystemClock();
   platform.mainLoop = makeGlibMainLoop(options.hostContext);
   platform.notifications = makeLocalNotificationCenter();
-  // Network I/O (libcurl's transfers and the network monitor) shares one
-  // GLib loop: the library's own loop thread when the library owns the main
-  // loop, otherwise one network thread, so the host's thread never waits on
-  // the network.
-  auto network = options.hostContext != nullptr ? makeGlibMainLoop(nullptr) : platform.mainLoop;
-  platform.reachability = makeGioReachability(platform.mainLoop, network);
+  // libcurl's transfers run on the library's own loop thread when the
+  // library owns the main loop. On a host's context they get a network thread
+  // instead, so the host's thread never runs a TLS handshake; that thread
+  // ends when it has had no transfer for a while. The route watch is a
+  // socket read now and then, so it sits on the main loop either way.
+  auto network = options.hostContext != nullptr ? nullptr : platform.mainLoop;
+  platform.reachability = makeGioReachability(platform.mainLoop);
   platform.http = makeCurlHttpClient(settings.caFile, platform.log, network);
   platform.workers = makeThreadWorkerPool();
   // The default location's folders are the library's own and kept private;

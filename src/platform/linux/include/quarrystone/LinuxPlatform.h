@@ -27,7 +27,7 @@ struct QS_EXPORT LinuxPlatformOptions {
   LogLevel logLevel = LogLevel::Warning;
 };
 
-// The real Linux platform: GLib main loop, GIO network monitor, libcurl,
+// The real Linux platform: GLib main loop, the kernel's route table, libcurl,
 // SQLite store, OpenSSL, utf8proc. The store is the host application's own
 // (see DeploymentSettings::resolvedStorePath), named after the bundle
 // identifier, else after the program. A store that cannot be opened is
@@ -51,10 +51,13 @@ QS_EXPORT std::shared_ptr<KeyValueStore> openSqliteStore(const std::string& path
 QS_EXPORT std::shared_ptr<DeviceInfo> makeLinuxDeviceInfo(BundleInfo bundle,
                                                           std::optional<ScreenInfo> screen);
 
-// The HTTP client and the reachability monitor do their network I/O on a
-// GLib loop made by makeGlibMainLoop (`network`), which they may share; with
-// none each makes a loop on a thread of its own. A loop on the host's context
-// must be iterated by the host for them to work.
+// The HTTP client and the reachability monitor do their I/O on a GLib loop
+// made by makeGlibMainLoop (`network`), which they may share. With none, the
+// HTTP client makes a loop of its own whose thread runs while it has
+// transfers (and ends about 2 s after the last), and the reachability
+// monitor watches the routes from `mainLoop`, or from a loop thread of its
+// own if that is not a GLib loop. A loop on the host's context must be
+// iterated by the host for them to work.
 QS_EXPORT std::shared_ptr<HttpClient> makeCurlHttpClient(
     const std::string& caFile, std::shared_ptr<Log> log,
     std::shared_ptr<MainLoop> network = nullptr);
