@@ -98,29 +98,40 @@ def _declare(library: ctypes.CDLL, prototypes: dict) -> None:
         function.argtypes = arguments
 
 
-def load() -> ctypes.CDLL:
-    """Loads the library and declares its functions. Raises OSError when no
-    candidate loads or the loaded one has another C interface major version."""
+def _load_first(candidates: list[str], prototypes: dict, what: str, variable: str, accept=None):
+    """Loads the first candidate that opens (and that `accept` passes: it
+    returns None or a reason to refuse), declaring `prototypes` on it.
+    Raises OSError naming every candidate's failure."""
     errors = []
-    for path in _candidates():
+    for path in candidates:
         try:
             library = ctypes.CDLL(path)
         except OSError as error:
             errors.append(f"{path}: {error}")
             continue
-        _declare(library, _PROTOTYPES)
-        major = library.qs_api_version() >> 16
-        if major != API_MAJOR:
-            errors.append(f"{path}: C interface {major}, this package needs {API_MAJOR}")
+        _declare(library, prototypes)
+        refused = accept(library) if accept else None
+        if refused:
+            errors.append(f"{path}: {refused}")
             continue
         return library
-    raise OSError(
-        "the Quarrystone library could not be loaded (set QUARRYSTONE_LIBRARY to its path): "
-        + "; ".join(errors)
+    raise OSError(f"{what} could not be loaded (set {variable} to its path): " + "; ".join(errors))
+
+
+def _check_major(library: ctypes.CDLL) -> Optional[str]:
+    major = library.qs_api_version() >> 16
+    return None if major == API_MAJOR else f"C interface {major}, this package needs {API_MAJOR}"
+
+
+def load() -> ctypes.CDLL:
+    """Loads the library and declares its functions. Raises OSError when no
+    candidate loads or the loaded one has another C interface major version."""
+    return _load_first(
+        _candidates(), _PROTOTYPES, "the Quarrystone library", "QUARRYSTONE_LIBRARY", _check_major
     )
 
 
-# The web view component's C entry points (libquarrystone_gtk.so).
+# The web view component's C entry points (libquarrystone_gtk_c.so).
 _GTK_PROTOTYPES = {
     "qs_platform_options_use_gtk": (c_status, [_P]),
     "qs_manager_show_block_response": (c_status, [_P, _P, _P]),
@@ -134,16 +145,9 @@ def load_gtk(core: ctypes.CDLL) -> ctypes.CDLL:
     named = os.environ.get("QUARRYSTONE_GTK_LIBRARY")
     beside = os.path.join(os.path.dirname(core._name), f"libquarrystone_gtk_c.so.{API_MAJOR}")
     candidates = [named] if named else [beside, f"libquarrystone_gtk_c.so.{API_MAJOR}"]
-    errors = []
-    for path in candidates:
-        try:
-            library = ctypes.CDLL(path)
-        except OSError as error:
-            errors.append(f"{path}: {error}")
-            continue
-        _declare(library, _GTK_PROTOTYPES)
-        return library
-    raise OSError(
-        "the Quarrystone web view component could not be loaded "
-        "(set QUARRYSTONE_GTK_LIBRARY to its path): " + "; ".join(errors)
+    return _load_first(
+        candidates,
+        _GTK_PROTOTYPES,
+        "the Quarrystone web view component",
+        "QUARRYSTONE_GTK_LIBRARY",
     )
