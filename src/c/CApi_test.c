@@ -3,32 +3,10 @@
    must give its status and a message naming the call, never a crash. */
 #define _POSIX_C_SOURCE 200809L
 
-#include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 #include <unistd.h>
 
-#include "quarrystone.h"
-
-static int failures = 0;
-
-#define EXPECT(condition)                                                      \
-  do {                                                                         \
-    if (!(condition)) {                                                        \
-      fprintf(stderr, "%s:%d: expected %s\n", __FILE__, __LINE__, #condition); \
-      ++failures;                                                              \
-    }                                                                          \
-  } while (0)
-
-/* The call failed with `status` and the thread's message names `needle`. */
-static int failed_with(qs_status_t got, qs_status_t status, const char* needle) {
-  if (got != status || strstr(qs_last_error_message(), needle) == NULL) {
-    fprintf(stderr, "got %d \"%s\", wanted %d with \"%s\"\n", (int)got, qs_last_error_message(),
-            (int)status, needle);
-    return 0;
-  }
-  return 1;
-}
+#include "CTestSupport.h"
 
 static void ignore_headers(void* user_data, const qs_header_t* headers, size_t count) {
   (void)user_data;

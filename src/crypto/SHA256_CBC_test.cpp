@@ -54,22 +54,6 @@ void refEncipher(Words& v, const Words& k) {
   }
 }
 
-// Deciphers from an explicitly given starting sum, counting it down to 0.
-void refDecipher(Words& v, const Words& k, std::uint32_t startSum) {
-  std::size_t n = v.size();
-  std::uint32_t sum = startSum, y = v[0], z;
-  while (sum != 0) {
-    std::uint32_t e = (sum >> 2) & 3;
-    for (std::size_t p = n - 1; p > 0; --p) {
-      z = v[p - 1];
-      y = v[p] -= mx(sum, y, z, p, e, k);
-    }
-    z = v[n - 1];
-    y = v[0] -= mx(sum, y, z, 0, e, k);
-    sum -= kDelta;
-  }
-}
-
 Bytes refEncrypt(const Bytes& data, const Bytes& key) {
   Words v = pack(data, (data.size() + 3) / 4 + 1);
   v.back() = static_cast<std::uint32_t>(data.size());
@@ -146,17 +130,6 @@ TEST(SHA256_CBCTest, LengthWordMustFitTheCiphertext) {
   EXPECT_EQ(SHA256_CBC::decryptToString(cipher, "right"), "{\"t\":\"QS325\",\"d\":{}}");
 }
 
-TEST(SHA256_CBCTest, DecryptionStartsFromRoundsTimesDelta) {
-  // n = 2 runs 32 rounds; 32 * delta mod 2^32 is 0xC6EF3720.
-  const Bytes key = bytes("0123456789abcdef");
-  const Bytes cipher = SHA256_CBC::encrypt(bytes("qs"), key);
-  ASSERT_EQ(cipher.size(), 8u);
-  Words v = pack(cipher, 2);
-  refDecipher(v, keyOf(key), 0xC6EF3720);
-  EXPECT_EQ(v[0], 0x7371u);  // "qs", zero-padded
-  EXPECT_EQ(v[1], 2u);
-}
-
 TEST(SHA256_CBCTest, Base64AndStringVariants) {
   const std::string text = "{\"t\":\"QS315\",\"d\":{\"QS320\":\"Laptop ✓\"}}";
   const std::string b64 = SHA256_CBC::encryptStringToBase64String(text, "appId");
@@ -182,14 +155,6 @@ TEST(SHA256_CBCTest, Base64AndStringVariants) {
   }
   EXPECT_EQ(SHA256_CBC::decryptToString(SHA256_CBC::encrypt(bytes("\xF0\x9F\x98\x80"), "k"), "k"),
             "\xF0\x9F\x98\x80");
-}
-
-TEST(SHA256_CBCTest, WordArrayPacking) {
-  const auto words = SHA256_CBC::xxtea_to_uint_array(Bytes{1, 2, 3, 4, 5}, true);
-  ASSERT_TRUE(words);
-  EXPECT_EQ(*words, (Words{0x04030201, 0x05, 5}));
-  EXPECT_EQ(SHA256_CBC::xxtea_to_uint_array(Bytes{1, 2, 3, 4}, false), (Words{0x04030201}));
-  EXPECT_EQ(SHA256_CBC::xxtea_to_uint_array(Bytes{}, true), (Words{0}));
 }
 
 }  // namespace

@@ -8,26 +8,12 @@
 #include <cstring>
 #include <thread>
 
-#include "SandboxProcess.h"
-#include "XvfbDisplay.h"
-#include "quarrystone/LinuxPlatform.h"
-#include "quarrystone/QSManager.h"
-#include "quarrystone/gtk/GtkUI.h"
+#include "SandboxGtkHost.h"
 
 namespace qs::http {
 namespace {
 
-using testing::SandboxProcess;
-using testing::TempDir;
-
 const auto* const kDisplay = ::testing::AddGlobalTestEnvironment(new test::XvfbDisplay);
-
-class ReadyDelegate final : public QSManagerDelegate {
- public:
-  void managerReady(const HeaderMap&) override { ready = true; }
-  void newHeaders(const HeaderMap&) override {}
-  std::atomic<bool> ready{false};
-};
 
 // One response as the host's sinks saw it.
 struct Reply {
@@ -36,40 +22,24 @@ struct Reply {
   std::string body;
 };
 
-// One sandbox, one started manager with the GTK UI, one host window for the
-// whole suite: each case keys its backend requests with its own "case".
+// One sandbox, one started manager and one host window for the whole suite.
 class CurlProtectionTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    dir = new TempDir;
-    sandbox = new SandboxProcess(dir->path(), {});
-    ASSERT_NE(sandbox->port(), 0) << sandbox->output();
-    const auto settings = sandbox->settings((dir->path() / "store.sqlite").string());
-    LinuxPlatformOptions options;
-    options.bundle = {"1.0", "curl-host", "com.example.curl-host", {"en"}};
-    options.hostContext = g_main_context_default();
-    Platform platform = makeLinuxPlatform(settings, options);
-    platform.ui = makeGtkUI(platform.store);
-    manager = new std::shared_ptr<QSManager>(QSManager::create(platform, settings));
-    delegate = new std::shared_ptr<ReadyDelegate>(std::make_shared<ReadyDelegate>());
-    (*manager)->setDelegate(*delegate);
-    (*manager)->startWith("curlapp");
     window = GTK_WINDOW(g_object_ref_sink(gtk_window_new()));
     gtk_window_present(window);
-    ASSERT_TRUE(test::iterateUntil([] { return (*delegate)->ready.load(); }));
+    host = new testing::SandboxGtkHost("curl-host", "curlapp");
+    ASSERT_TRUE(host->ready()) << host->sandbox().output();
   }
   static void TearDownTestSuite() {
     gtk_window_destroy(window);
     g_object_unref(window);
-    delete sandbox;
-    delete dir;
-    // The manager and its delegate stay: the platform's threads may still
-    // run until the process ends.
+    host->stopSandbox();
   }
 
   static std::shared_ptr<Protection> protection(
       std::chrono::milliseconds deadline = std::chrono::minutes(5)) {
-    return Protection::create(**manager, window, {{"localhost"}, deadline});
+    return Protection::create(host->manager(), window, {{"localhost"}, deadline});
   }
 
   // The request as a host sets it up: URL and body on the handle, its own
@@ -77,7 +47,7 @@ class CurlProtectionTest : public ::testing::Test {
   static CurlRequest request(CURL* easy, Reply& reply, const std::string& url,
                              const char* postBody = nullptr) {
     curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
-    curl_easy_setopt(easy, CURLOPT_CAINFO, sandbox->caFile().c_str());
+    curl_easy_setopt(easy, CURLOPT_CAINFO, host->sandbox().caFile().c_str());
     if (postBody != nullptr) curl_easy_setopt(easy, CURLOPT_COPYPOSTFIELDS, postBody);
     CurlRequest r;
     r.easy = easy;
@@ -112,43 +82,23 @@ class CurlProtectionTest : public ::testing::Test {
   }
 
   static std::string backend(const std::string& query) {
-    return sandbox->url("/api/orders?" + query);
+    return host->sandbox().url("/api/orders?" + query);
   }
-  // The backend requests of one case, in order.
   static std::vector<Value> caseEvents(const std::string& name) {
-    std::vector<Value> out;
-    for (const auto& e : sandbox->events()) {
-      if (e.value("event", "") == "backend" && e.value("case", "") == name) out.push_back(e);
-    }
-    return out;
+    return host->backendEvents(name);
   }
-  // The page window shown over the host window, if any (a new reference).
-  static GtkWindow* pageWindow() {
-    GListModel* toplevels = gtk_window_get_toplevels();
-    GtkWindow* found = nullptr;
-    for (guint i = 0; i < g_list_model_get_n_items(toplevels) && !found; ++i) {
-      auto* w = static_cast<GtkWindow*>(g_list_model_get_item(toplevels, i));
-      if (gtk_window_get_transient_for(w) == window && gtk_widget_get_visible(GTK_WIDGET(w))) {
-        found = w;
-      } else {
-        g_object_unref(w);
-      }
-    }
-    return found;
+  static GtkWindow* pageWindow() { return testing::SandboxGtkHost::pageOver(window); }
+  // Closes a page that has only just come up. The window is kept referenced
+  // for the rest of the run: freed this soon, it meets a size request the
+  // toolkit still has queued for it.
+  static bool closeAndKeep(GtkWindow* page) {
+    g_object_ref(page);
+    return testing::SandboxGtkHost::closePage(page);
   }
 
-  static TempDir* dir;
-  static SandboxProcess* sandbox;
-  static std::shared_ptr<QSManager>* manager;
-  static std::shared_ptr<ReadyDelegate>* delegate;
-  static GtkWindow* window;
+  static inline testing::SandboxGtkHost* host = nullptr;
+  static inline GtkWindow* window = nullptr;
 };
-
-TempDir* CurlProtectionTest::dir = nullptr;
-SandboxProcess* CurlProtectionTest::sandbox = nullptr;
-std::shared_ptr<QSManager>* CurlProtectionTest::manager = nullptr;
-std::shared_ptr<ReadyDelegate>* CurlProtectionTest::delegate = nullptr;
-GtkWindow* CurlProtectionTest::window = nullptr;
 
 TEST_F(CurlProtectionTest, TokenGoesOnlyToDeclaredHostsAndOtherAnswersPassUntouched) {
   auto p = protection();
@@ -160,7 +110,7 @@ TEST_F(CurlProtectionTest, TokenGoesOnlyToDeclaredHostsAndOtherAnswersPassUntouc
 
   // Another host: no header, and its captcha answer is not handled.
   const std::string foreign =
-      "https://127.0.0.1:" + std::to_string(sandbox->port()) + "/api/orders?case=foreign";
+      "https://127.0.0.1:" + std::to_string(host->sandbox().port()) + "/api/orders?case=foreign";
   Reply other = performOnWorker(p, foreign);
   EXPECT_EQ(other.result.outcome, Outcome::PassedThrough);
   EXPECT_EQ(other.result.status, 403);
@@ -175,9 +125,7 @@ TEST_F(CurlProtectionTest, TokenGoesOnlyToDeclaredHostsAndOtherAnswersPassUntouc
     EXPECT_FALSE(bad.body.empty()) << kind;
     EXPECT_EQ(caseEvents(kind).size(), 1u) << kind;
   }
-  GtkWindow* page = pageWindow();
-  EXPECT_EQ(page, nullptr);
-  if (page) g_object_unref(page);
+  EXPECT_EQ(pageWindow(), nullptr);
 
   auto a = caseEvents("allowed");
   ASSERT_EQ(a.size(), 1u);
@@ -219,7 +167,7 @@ TEST_F(CurlProtectionTest, BackendBlockingAgainAfterASolveStopsTheLoopAndIsRepor
   EXPECT_EQ(result->status, 403);
   EXPECT_NE(reply.body.find("\"captcha\""), std::string::npos);
   EXPECT_EQ(caseEvents("loop").size(), 2u);
-  EXPECT_TRUE(sandbox->waitForEvents(
+  EXPECT_TRUE(host->sandbox().waitForEvents(
       [](const Value& e) {
         return e.value("event", "") == "client_error" &&
                e.dump().find("blocked again after a solved captcha") != std::string::npos;
@@ -236,8 +184,7 @@ TEST_F(CurlProtectionTest, PagesEndByTheUserTheDeadlineOrAsABlock) {
                [&](CurlResult done) { result = std::move(done); });
   GtkWindow* page = nullptr;
   ASSERT_TRUE(test::iterateUntil([&] { return (page = pageWindow()) != nullptr; }));
-  EXPECT_TRUE(gtk_widget_activate_action(GTK_WIDGET(page), "window.close", nullptr));
-  g_object_unref(page);
+  EXPECT_TRUE(closeAndKeep(page));
   ASSERT_TRUE(test::iterateUntil([&] { return result.has_value(); }));
   curl_easy_cleanup(easy);
   EXPECT_EQ(result->outcome, Outcome::ClosedByUser) << result->detail;
@@ -250,19 +197,14 @@ TEST_F(CurlProtectionTest, PagesEndByTheUserTheDeadlineOrAsABlock) {
                                backend("challenge=always&case=deadline"));
   EXPECT_EQ(late.result.outcome, Outcome::TimedOut);
   EXPECT_EQ(late.result.status, 403);
-  EXPECT_TRUE(test::iterateUntil([] {
-    GtkWindow* w = pageWindow();
-    if (w) g_object_unref(w);
-    return w == nullptr;
-  }));
+  EXPECT_TRUE(test::iterateUntil([] { return pageWindow() == nullptr; }));
 
   // A block page stays up for the host to take down; the call returns at once.
   Reply blocked = performOnWorker(protection(), backend("challenge=block&case=block"));
   EXPECT_EQ(blocked.result.outcome, Outcome::Blocked);
   EXPECT_NE(blocked.body.find("\"block\""), std::string::npos);
   ASSERT_TRUE(test::iterateUntil([&] { return (page = pageWindow()) != nullptr; }));
-  gtk_window_close(page);
-  g_object_unref(page);
+  EXPECT_TRUE(closeAndKeep(page));
 }
 
 TEST_F(CurlProtectionTest, AStreamedBodyIsNotSentTwiceAndTheGtkThreadIsRefused) {

@@ -10,20 +10,12 @@
 #include <string>
 #include <vector>
 
-#include "SandboxProcess.h"
-#include "XvfbDisplay.h"
-#include "quarrystone/gtk/GtkUI.h"
+#include "SandboxGtkHost.h"
 
 namespace qs::http {
 namespace {
 
 const auto* const kDisplay = ::testing::AddGlobalTestEnvironment(new test::XvfbDisplay);
-
-struct ReadyDelegate final : QSManagerDelegate {
-  void managerReady(const HeaderMap&) override { ready = true; }
-  void newHeaders(const HeaderMap&) override {}
-  std::atomic<bool> ready{false};
-};
 
 struct Sent {
   Outcome outcome = Outcome::Failed;
@@ -35,36 +27,19 @@ struct Sent {
 class SoupProtectionTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    dir_ = new testing::TempDir;
-    sandbox_ = new testing::SandboxProcess(dir_->path(), {});
-    ASSERT_GT(sandbox_->port(), 0) << sandbox_->output();
-    const auto settings = sandbox_->settings((dir_->path() / "store.sqlite").string());
-    LinuxPlatformOptions options;
-    options.bundle = {"1.0", "soup-host", "com.example.soup-host", {"en"}};
-    options.hostContext = g_main_context_default();
-    Platform platform = makeLinuxPlatform(settings, options);
-    platform.ui = makeGtkUI(platform.store);
-    manager_ = new std::shared_ptr<QSManager>(QSManager::create(platform, settings));
-    delegate_ = new std::shared_ptr<ReadyDelegate>(std::make_shared<ReadyDelegate>());
-    (*manager_)->setDelegate(*delegate_);
-    (*manager_)->startWith("soupapp");
-    ASSERT_TRUE(test::iterateUntil([] { return (*delegate_)->ready.load(); }));
+    host_ = new testing::SandboxGtkHost("soup-host", "soupapp");
+    ASSERT_TRUE(host_->ready()) << host_->sandbox().output();
   }
-  static void TearDownTestSuite() {
-    delete manager_;
-    delete delegate_;
-    delete sandbox_;
-    delete dir_;
-  }
+  static void TearDownTestSuite() { host_->stopSandbox(); }
 
   void SetUp() override {
     window_ = GTK_WINDOW(gtk_window_new());
     gtk_window_present(window_);
     ProtectionSettings settings{{"localhost"}};
-    protection_ = Protection::create(**manager_, window_, settings);
+    protection_ = Protection::create(host_->manager(), window_, settings);
     settings.deadline = std::chrono::milliseconds(400);
-    shortDeadline_ = Protection::create(**manager_, window_, settings);
-    GTlsDatabase* ca = g_tls_file_database_new(sandbox_->caFile().c_str(), nullptr);
+    shortDeadline_ = Protection::create(host_->manager(), window_, settings);
+    GTlsDatabase* ca = g_tls_file_database_new(host_->sandbox().caFile().c_str(), nullptr);
     session_ = soup_session_new_with_options("tls-database", ca, "timeout", 15, nullptr);
     g_object_unref(ca);
   }
@@ -81,31 +56,13 @@ class SoupProtectionTest : public ::testing::Test {
                             const std::string& host = "localhost") {
     static int cases = 0;
     *caseKey = "soup" + std::to_string(++cases);
-    return "https://" + host + ":" + std::to_string(sandbox_->port()) + "/api/orders?" + query +
-           "&case=" + *caseKey;
+    return "https://" + host + ":" + std::to_string(host_->sandbox().port()) + "/api/orders?" +
+           query + "&case=" + *caseKey;
   }
-  // The backend's requests of one case, in order.
   static std::vector<Value> backendEvents(const std::string& caseKey) {
-    std::vector<Value> found;
-    for (auto& event : sandbox_->events()) {
-      if (event.value("event", "") == "backend" && event.value("case", "") == caseKey) {
-        found.push_back(event);
-      }
-    }
-    return found;
+    return host_->backendEvents(caseKey);
   }
-
-  // The block or captcha page's window, if one is up.
-  GtkWindow* pageWindow() const {
-    GListModel* toplevels = gtk_window_get_toplevels();
-    GtkWindow* page = nullptr;
-    for (guint i = 0; i < g_list_model_get_n_items(toplevels) && page == nullptr; ++i) {
-      auto* window = GTK_WINDOW(g_list_model_get_item(toplevels, i));
-      if (window != window_ && gtk_widget_get_visible(GTK_WIDGET(window))) page = window;
-      g_object_unref(window);
-    }
-    return page;
-  }
+  GtkWindow* pageWindow() const { return testing::SandboxGtkHost::pageOver(window_); }
   // Closes the page as its close control does, once it has loaded (its own
   // title replaces the window's default).
   void closePage() {
@@ -113,7 +70,7 @@ class SoupProtectionTest : public ::testing::Test {
       GtkWindow* page = pageWindow();
       return page != nullptr && std::string(gtk_window_get_title(page)) != "Security check";
     }));
-    gtk_widget_activate_action(GTK_WIDGET(pageWindow()), "window.close", nullptr);
+    testing::SandboxGtkHost::closePage(pageWindow());
   }
 
   // A protected send; `whilePending` runs once it is under way.
@@ -170,10 +127,7 @@ class SoupProtectionTest : public ::testing::Test {
     return {status, body.value_or("")};
   }
 
-  static inline testing::TempDir* dir_ = nullptr;
-  static inline testing::SandboxProcess* sandbox_ = nullptr;
-  static inline std::shared_ptr<QSManager>* manager_ = nullptr;
-  static inline std::shared_ptr<ReadyDelegate>* delegate_ = nullptr;
+  static inline testing::SandboxGtkHost* host_ = nullptr;
   GtkWindow* window_ = nullptr;
   SoupSession* session_ = nullptr;
   std::shared_ptr<Protection> protection_;
@@ -201,7 +155,7 @@ TEST_F(SoupProtectionTest, PassesThroughWhatIsNotTheServicesBlock) {
   EXPECT_EQ(sent.status, 403u);
   EXPECT_EQ(pageWindow(), nullptr);
 
-  const std::string token = (*manager_)->httpHeaders().at("X-QS-AUTHORIZATION");
+  const std::string token = host_->manager().httpHeaders().at("X-QS-AUTHORIZATION");
   for (const auto& key : {allowed, plain, badJson, badPage}) {
     auto events = backendEvents(key);
     ASSERT_EQ(events.size(), 1u) << key;
@@ -222,14 +176,14 @@ TEST_F(SoupProtectionTest, SolvedCaptchaResendsTheMessageOnceWithTheFreshToken) 
   g_object_unref(message);
   EXPECT_EQ(sent.outcome, Outcome::CaptchaSolved);
   EXPECT_EQ(sent.status, 200u);
-  std::vector<std::string> fresh{(*manager_)->httpHeaders().at("X-QS-AUTHORIZATION")};
+  std::vector<std::string> fresh{host_->manager().httpHeaders().at("X-QS-AUTHORIZATION")};
 
   // A seekable stream is read again from where it started.
   message = soup_message_new("POST", orders("challenge=once&autosolve=1", &streamed).c_str());
   GInputStream* stream = g_memory_input_stream_new_from_bytes(body);
   setReplayableBody(message, nullptr, stream, 6);
   EXPECT_EQ(send(protection_, message).outcome, Outcome::CaptchaSolved);
-  fresh.push_back((*manager_)->httpHeaders().at("X-QS-AUTHORIZATION"));
+  fresh.push_back(host_->manager().httpHeaders().at("X-QS-AUTHORIZATION"));
   g_object_unref(stream);
   g_object_unref(message);
 
@@ -261,7 +215,7 @@ TEST_F(SoupProtectionTest, BlockedAgainAfterASolveStopsAndIsReported) {
   EXPECT_EQ(sent.outcome, Outcome::LoopStopped);
   EXPECT_EQ(sent.status, 403u);
   EXPECT_EQ(backendEvents(loop).size(), 2u);
-  EXPECT_TRUE(sandbox_->waitForEvents(
+  EXPECT_TRUE(host_->sandbox().waitForEvents(
       [](const Value& e) {
         return e.value("event", "") == "client_error" && e.contains("report") &&
                e["report"].is_object() &&

@@ -2,6 +2,7 @@
 
 #include "CoreFixture.h"
 #include "FakeUI.h"
+#include "base/PercentEncoding.h"
 #include "block/QSWebViewController.h"
 #include "quarrystone/QSFieldsMapping.h"
 
@@ -132,16 +133,7 @@ TEST_F(QSManagerTest, MisusedBlockHandlingIsReportedNotShown) {
     std::string encoded = r.url.substr(prefix.size());
     // Colons and commas stay; braces and quotes are escaped.
     EXPECT_NE(encoded.find("%7B%22message%22:"), std::string::npos) << encoded;
-    std::string decoded;
-    for (std::size_t i = 0; i < encoded.size(); ++i) {
-      if (encoded[i] == '%') {
-        decoded.push_back(static_cast<char>(std::stoi(encoded.substr(i + 1, 2), nullptr, 16)));
-        i += 2;
-      } else {
-        decoded.push_back(encoded[i]);
-      }
-    }
-    Value record = Value::parse(decoded);
+    Value record = Value::parse(percentDecode(encoded).value_or(""), nullptr, false);
     EXPECT_EQ(record.size(), 4u);
     EXPECT_EQ(record["appId"], "ABC");
     EXPECT_EQ(record["sdk_version"], "0.4.0");

@@ -15,15 +15,10 @@
 
 #include "quarrystone_gtk.h"
 
-/* Written on the library's network thread, read on the GTK thread. */
-static volatile gint ready_count = 0;
-static volatile gint new_headers_count = 0;
+#include "CTestSupport.h"
 
-static void on_ready(void* user_data, const qs_header_t* headers, size_t count) {
-  (void)user_data, (void)headers, (void)count;
-  g_atomic_int_inc(&ready_count);
-  g_main_context_wakeup(NULL);
-}
+/* Written on the library's network thread, read on the GTK thread. */
+static volatile gint new_headers_count = 0;
 
 static void on_new_headers(void* user_data, const qs_header_t* headers, size_t count) {
   size_t i;
@@ -32,17 +27,6 @@ static void on_new_headers(void* user_data, const qs_header_t* headers, size_t c
   fflush(stdout);
   g_atomic_int_inc(&new_headers_count);
   g_main_context_wakeup(NULL);
-}
-
-static gboolean on_deadline(gpointer data) {
-  *(gboolean*)data = TRUE;
-  return G_SOURCE_REMOVE;
-}
-
-/* Runs GTK's loop until *counter exceeds `after` or the deadline passed. */
-static int wait_for(volatile gint* counter, gint after, const gboolean* late) {
-  while (g_atomic_int_get(counter) <= after && !*late) g_main_context_iteration(NULL, TRUE);
-  return g_atomic_int_get(counter) > after;
 }
 
 static size_t collect(char* data, size_t size, size_t count, void* out) {

@@ -13,23 +13,7 @@
 
 #include "quarrystone_http.h"
 
-static int failures = 0;
-
-#define EXPECT(condition)                                                      \
-  do {                                                                         \
-    if (!(condition)) {                                                        \
-      fprintf(stderr, "%s:%d: expected %s\n", __FILE__, __LINE__, #condition); \
-      ++failures;                                                              \
-    }                                                                          \
-  } while (0)
-
-/* The call failed with `status` and the thread's message contains `needle`. */
-static int failed_with(qs_status_t got, qs_status_t status, const char* needle) {
-  if (got == status && strstr(qs_last_error_message(), needle) != NULL) return 1;
-  fprintf(stderr, "got %d \"%s\", wanted %d with \"%s\"\n", (int)got, qs_last_error_message(),
-          (int)status, needle);
-  return 0;
-}
+#include "CTestSupport.h"
 
 /* Text the callbacks received. Plain malloc: GLib's slice allocator hands
    memory between threads in ways the race checker cannot follow. */
@@ -72,25 +56,6 @@ static void on_done(void* user_data, qs_http_outcome_t outcome, long http_status
   reply->http_status = http_status;
   reply->done_thread = g_thread_self();
   g_atomic_int_set(&reply->finished, 1);
-}
-
-static volatile gint ready_count = 0;
-
-static void on_ready(void* user_data, const qs_header_t* headers, size_t count) {
-  (void)user_data, (void)headers, (void)count;
-  g_atomic_int_inc(&ready_count);
-  g_main_context_wakeup(NULL);
-}
-
-static gboolean on_deadline(gpointer late) {
-  *(gboolean*)late = TRUE;
-  return G_SOURCE_REMOVE;
-}
-
-/* Runs GTK's loop until *flag is set or the deadline passed. */
-static int wait_for(volatile gint* flag, const gboolean* late) {
-  while (!g_atomic_int_get(flag) && !*late) g_main_context_iteration(NULL, TRUE);
-  return g_atomic_int_get(flag);
 }
 
 static CURL* backend_request(const char* query, reply_t* reply) {
@@ -175,7 +140,7 @@ static void check_allowed(qs_protection_t* protection, const gboolean* late) {
   GThread* worker;
   job.headers = curl_slist_append(NULL, "Accept: application/json");
   worker = g_thread_new("host-worker", perform_blocking, &job);
-  EXPECT(wait_for(&reply.finished, late));
+  EXPECT(wait_for(&reply.finished, 0, late));
   g_thread_join(worker);
   EXPECT(reply.status == QS_OK && reply.outcome == QS_HTTP_ALLOWED);
   EXPECT(reply.http_status == 200);
@@ -193,7 +158,7 @@ static void check_solved(qs_protection_t* protection, const gboolean* late) {
   EXPECT(qs_curl_perform_async(protection, easy, NULL, append, &reply.body, append, &reply.headers,
                                NULL, NULL, NULL, on_done, &reply, NULL) == QS_OK);
   EXPECT(!g_atomic_int_get(&reply.finished)); /* never inside the call */
-  EXPECT(wait_for(&reply.finished, late));
+  EXPECT(wait_for(&reply.finished, 0, late));
   EXPECT(reply.outcome == QS_HTTP_CAPTCHA_SOLVED && reply.http_status == 200);
   EXPECT(reply.done_thread == g_thread_self());
   /* The host sees the retried request's answer only. */
@@ -211,7 +176,7 @@ static void check_cancelled(qs_protection_t* protection, const gboolean* late) {
   EXPECT(qs_curl_perform_async(protection, easy, NULL, append, &reply.body, NULL, NULL, NULL, NULL,
                                NULL, on_done, &reply, &call) == QS_OK);
   EXPECT(call != NULL && qs_curl_cancel(call) == QS_OK);
-  EXPECT(wait_for(&reply.finished, late));
+  EXPECT(wait_for(&reply.finished, 0, late));
   EXPECT(reply.outcome == QS_HTTP_CANCELLED);
   EXPECT(qs_curl_cancel(call) == QS_OK); /* after the end: nothing happens */
   qs_curl_call_free(call);
@@ -240,7 +205,7 @@ int main(int argc, char** argv) {
          qs_manager_create(NULL, options, &manager) == QS_OK &&
          qs_manager_set_callbacks(manager, on_ready, NULL, NULL) == QS_OK &&
          qs_manager_start(manager, argv[1]) == QS_OK);
-  EXPECT(wait_for(&ready_count, &late));
+  EXPECT(wait_for(&ready_count, 0, &late));
   EXPECT(qs_protection_create(manager, window, domains, 1, 0, &protection) == QS_OK);
   if (failures == 0) {
     check_errors(manager, window, protection);
