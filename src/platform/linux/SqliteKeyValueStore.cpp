@@ -1,11 +1,17 @@
 // The persistent key/value store on Linux: one SQLite file in WAL mode with
 // every persisted value cached in memory, so reads never touch the file.
 //
-// Durability: each setObject commits its own transaction before it returns.
-// With WAL and synchronous=NORMAL the commit sits in the WAL file before the
-// call returns, so it survives a crash or SIGKILL of the host process; it can
-// be lost to a power cut or kernel crash until the next checkpoint, which
-// synchronize() forces (the checkpoint syncs the WAL and the database file).
+// Durability: setObject changes the cache, which every reader in the process
+// sees at once, and leaves the file to the store's writer thread, which
+// commits what has been set meanwhile in one transaction, usually well within
+// a millisecond. So a caller (an answer from the collector on its way to the
+// host) never waits for SQLite. Once committed, a write sits in the WAL file
+// and survives a crash or SIGKILL of the host process; it can be lost to a
+// power cut or kernel crash until the next checkpoint. synchronize() commits
+// what is pending and forces that checkpoint (it syncs the WAL and the
+// database file); closing the store and leaving the process through exit()
+// commit what is pending too. A process killed, or ended with _exit(), in the
+// moment between a setObject and its commit loses that write.
 //
 // Privacy: the file, its WAL and its shared-memory file are readable by their
 // owner only (0600), and every folder this code creates is 0700, whatever the
@@ -13,6 +19,7 @@
 // when it creates them, so making the main file private before SQLite opens
 // it covers them; copies left wider by older releases are tightened.
 #include <fcntl.h>
+#include <pthread.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -20,6 +27,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -28,8 +36,10 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <shared_mutex>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <utility>
 #include <variant>
@@ -46,6 +56,9 @@ namespace {
 constexpr int kApplicationId = 0x51534B56;  // "QSKV"
 constexpr int kSchemaVersion = 1;
 constexpr int kBusyTimeoutMs = 5000;
+// The writer thread ends after this long without a write, so a store at rest
+// costs no thread.
+constexpr std::chrono::milliseconds kWriterIdle{2000};
 
 struct DbCloser {
   void operator()(sqlite3* db) const { sqlite3_close_v2(db); }
@@ -323,14 +336,66 @@ std::optional<std::string> setAside(const std::string& path) {
   return aside;
 }
 
+class SqliteKeyValueStore;
+
+// The stores of this process with a file, so that leaving the process through
+// exit() commits what they still hold. Never destroyed: exit handlers use it.
+struct OpenStores {
+  std::mutex mutex;
+  std::set<SqliteKeyValueStore*> stores;  // guarded by mutex
+};
+OpenStores& openStores() {
+  static auto* const stores = new OpenStores;
+  return *stores;
+}
+void commitOpenStores();
+
 // Thread contract: every operation may be called from any thread. Reads take
-// a shared lock on the cache only; writers are serialised by writeMutex_,
-// which also guards the connection, so the file sees writes in cache order.
+// a shared lock on the cache only. A write changes the cache and the pending
+// set under pendingMutex_, so both see writes in the same order; commits take
+// the pending set under writeMutex_, which also guards the connection, so the
+// file sees them in that order too. Lock order: writeMutex_, pendingMutex_,
+// cacheMutex_.
 class SqliteKeyValueStore final : public KeyValueStore {
  public:
   // `db` null: the store lives in memory only.
   SqliteKeyValueStore(std::shared_ptr<Log> log, DbHandle db, std::map<std::string, Value> values)
-      : log_(std::move(log)), db_(std::move(db)), persisted_(std::move(values)) {}
+      : log_(std::move(log)),
+        hasFile_(db != nullptr),
+        db_(std::move(db)),
+        persisted_(std::move(values)) {
+    if (!hasFile_) return;
+    static std::once_flag once;
+    std::call_once(once, [] { std::atexit(commitOpenStores); });
+    {
+      std::lock_guard lock(openStores().mutex);
+      openStores().stores.insert(this);
+    }
+    // Made now, while the host sets up, rather than on its first write
+    // (at start-up, the one that starts the first exchange).
+    std::lock_guard lock(pendingMutex_);
+    startWriter();
+  }
+
+  ~SqliteKeyValueStore() override {
+    if (!hasFile_) return;
+    {
+      std::lock_guard lock(openStores().mutex);
+      openStores().stores.erase(this);
+    }
+    std::thread writer;
+    {
+      std::lock_guard lock(pendingMutex_);
+      stopping_ = true;
+      writer = std::move(writer_);
+    }
+    pendingCv_.notify_all();
+    if (writer.joinable()) writer.join();
+    commitPending();
+  }
+
+  SqliteKeyValueStore(const SqliteKeyValueStore&) = delete;
+  SqliteKeyValueStore& operator=(const SqliteKeyValueStore&) = delete;
 
   std::optional<Value> objectForKey(const std::string& key) override {
     std::shared_lock lock(cacheMutex_);
@@ -350,17 +415,28 @@ class SqliteKeyValueStore final : public KeyValueStore {
         return;
       }
     }
-    std::lock_guard writeLock(writeMutex_);
+    bool commitHere = false;
     {
-      std::unique_lock cacheLock(cacheMutex_);
-      if (value) {
-        persisted_.insert_or_assign(key, std::move(*value));
+      std::lock_guard pendingLock(pendingMutex_);
+      {
+        std::unique_lock cacheLock(cacheMutex_);
+        if (value) {
+          persisted_.insert_or_assign(key, std::move(*value));
+        } else {
+          persisted_.erase(key);
+        }
+      }
+      changes_.fetch_add(1, std::memory_order_relaxed);
+      if (!hasFile_) return;
+      pending_.insert_or_assign(key, std::move(encoded));
+      if (writerRunning_) {
+        pendingCv_.notify_one();
       } else {
-        persisted_.erase(key);
+        commitHere = !startWriter();
       }
     }
-    changes_.fetch_add(1, std::memory_order_relaxed);
-    if (db_) writeRow(key, encoded);
+    // No thread to be had: the caller commits, as before there was a writer.
+    if (commitHere) commitPending();
   }
 
   void registerDefaults(const Value& defaults) override {
@@ -373,8 +449,9 @@ class SqliteKeyValueStore final : public KeyValueStore {
   }
 
   bool synchronize() override {
+    if (!hasFile_) return false;
+    commitPending();
     std::lock_guard writeLock(writeMutex_);
-    if (!db_) return false;
     int rc =
         sqlite3_wal_checkpoint_v2(db_.get(), nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
     if (rc != SQLITE_OK) {
@@ -387,7 +464,59 @@ class SqliteKeyValueStore final : public KeyValueStore {
 
   std::uint64_t changeCount() const override { return changes_.load(std::memory_order_relaxed); }
 
+  // Commits every pending write, in one transaction when there are several.
+  // Returns once they are in the file (or logged as failed).
+  void commitPending() {
+    std::lock_guard writeLock(writeMutex_);
+    PendingWrites batch;
+    {
+      std::lock_guard pendingLock(pendingMutex_);
+      batch.swap(pending_);
+    }
+    if (batch.empty()) return;
+    const bool transaction = batch.size() > 1 && sqlite3_exec(db_.get(), "BEGIN IMMEDIATE", nullptr,
+                                                              nullptr, nullptr) == SQLITE_OK;
+    for (const auto& [key, encoded] : batch) writeRow(key, encoded);
+    if (transaction && sqlite3_exec(db_.get(), "COMMIT", nullptr, nullptr, nullptr) != SQLITE_OK) {
+      log_->write(LogLevel::Warning,
+                  fmt::format("Store commit failed: {}", sqlite3_errmsg(db_.get())));
+      sqlite3_exec(db_.get(), "ROLLBACK", nullptr, nullptr, nullptr);
+    }
+  }
+
  private:
+  // Keys to their new encoded value; nullopt removes the row.
+  using PendingWrites = std::map<std::string, std::optional<Bytes>>;
+
+  // REQUIRES: pendingMutex_ held. False when no thread can be made.
+  bool startWriter() {
+    // A writer that ended for want of work has left or is leaving; it takes
+    // no lock on its way out.
+    if (writer_.joinable()) writer_.join();
+    try {
+      writer_ = std::thread([this] { writerMain(); });
+    } catch (const std::system_error&) {
+      return false;
+    }
+    writerRunning_ = true;
+    return true;
+  }
+
+  void writerMain() {
+    pthread_setname_np(pthread_self(), "qs-store");
+    for (;;) {
+      {
+        std::unique_lock lock(pendingMutex_);
+        pendingCv_.wait_for(lock, kWriterIdle, [&] { return !pending_.empty() || stopping_; });
+        if (pending_.empty()) {
+          writerRunning_ = false;
+          return;
+        }
+      }
+      commitPending();
+    }
+  }
+
   // REQUIRES: writeMutex_ held. A failed write is logged; the value stays in
   // the cache, so this process keeps seeing it.
   void writeRow(const std::string& key, const std::optional<Bytes>& encoded) {
@@ -423,6 +552,7 @@ class SqliteKeyValueStore final : public KeyValueStore {
   }
 
   std::shared_ptr<Log> log_;
+  const bool hasFile_;
   std::mutex writeMutex_;
   DbHandle db_;        // guarded by writeMutex_; null when in memory only
   StmtHandle upsert_;  // guarded by writeMutex_
@@ -431,7 +561,19 @@ class SqliteKeyValueStore final : public KeyValueStore {
   std::map<std::string, Value> persisted_;  // guarded by cacheMutex_
   std::map<std::string, Value> defaults_;   // guarded by cacheMutex_
   std::atomic<std::uint64_t> changes_{0};
+  std::mutex pendingMutex_;
+  std::condition_variable pendingCv_;  // a write is pending, or the store closes
+  PendingWrites pending_;              // guarded by pendingMutex_
+  bool writerRunning_ = false;         // guarded by pendingMutex_
+  bool stopping_ = false;              // guarded by pendingMutex_
+  std::thread writer_;                 // guarded by pendingMutex_
 };
+
+// An exit handler: what the stores of the process still hold goes to their files.
+void commitOpenStores() {
+  std::lock_guard lock(openStores().mutex);
+  for (SqliteKeyValueStore* store : openStores().stores) store->commitPending();
+}
 
 }  // namespace
 
