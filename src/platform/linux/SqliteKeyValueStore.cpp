@@ -2,16 +2,17 @@
 // every persisted value cached in memory, so reads never touch the file.
 //
 // Durability: setObject changes the cache, which every reader in the process
-// sees at once, and leaves the file to the store's writer thread, which
-// commits what has been set meanwhile in one transaction, usually well within
-// a millisecond. So a caller (an answer from the collector on its way to the
-// host) never waits for SQLite. Once committed, a write sits in the WAL file
-// and survives a crash or SIGKILL of the host process; it can be lost to a
-// power cut or kernel crash until the next checkpoint. synchronize() commits
-// what is pending and forces that checkpoint (it syncs the WAL and the
-// database file); closing the store and leaving the process through exit()
-// commit what is pending too. A process killed, or ended with _exit(), in the
-// moment between a setObject and its commit loses that write.
+// sees at once. Without a committer the write is committed before setObject
+// returns: with WAL and synchronous=NORMAL it then sits in the WAL file and
+// survives a crash or SIGKILL of the host process. With a committer (the
+// platform's worker pool) the file is left to a task there, which commits
+// what has been set meanwhile in one transaction, so a caller (an answer from
+// the collector on its way to the host) never waits for SQLite; a process
+// killed, or ended with _exit(), between a setObject and that commit loses the
+// write. Either way a commit can be lost to a power cut or kernel crash until
+// the next checkpoint. synchronize() commits what is pending and forces that
+// checkpoint (it syncs the WAL and the database file); closing the store and
+// leaving the process through exit() commit what is pending too.
 //
 // Privacy: the file, its WAL and its shared-memory file are readable by their
 // owner only (0600), and every folder this code creates is 0700, whatever the
@@ -19,7 +20,6 @@
 // when it creates them, so making the main file private before SQLite opens
 // it covers them; copies left wider by older releases are tightened.
 #include <fcntl.h>
-#include <pthread.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -27,7 +27,6 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -39,7 +38,6 @@
 #include <set>
 #include <shared_mutex>
 #include <string>
-#include <system_error>
 #include <thread>
 #include <utility>
 #include <variant>
@@ -56,9 +54,6 @@ namespace {
 constexpr int kApplicationId = 0x51534B56;  // "QSKV"
 constexpr int kSchemaVersion = 1;
 constexpr int kBusyTimeoutMs = 5000;
-// The writer thread ends after this long without a write, so a store at rest
-// costs no thread.
-constexpr std::chrono::milliseconds kWriterIdle{2000};
 
 struct DbCloser {
   void operator()(sqlite3* db) const { sqlite3_close_v2(db); }
@@ -356,25 +351,23 @@ void commitOpenStores();
 // the pending set under writeMutex_, which also guards the connection, so the
 // file sees them in that order too. Lock order: writeMutex_, pendingMutex_,
 // cacheMutex_.
-class SqliteKeyValueStore final : public KeyValueStore {
+class SqliteKeyValueStore final : public KeyValueStore,
+                                  public std::enable_shared_from_this<SqliteKeyValueStore> {
  public:
-  // `db` null: the store lives in memory only.
-  SqliteKeyValueStore(std::shared_ptr<Log> log, DbHandle db, std::map<std::string, Value> values)
+  // `db` null: the store lives in memory only. `committer` null: each write
+  // commits before setObject returns.
+  SqliteKeyValueStore(std::shared_ptr<Log> log, DbHandle db, std::map<std::string, Value> values,
+                      std::shared_ptr<WorkerPool> committer)
       : log_(std::move(log)),
         hasFile_(db != nullptr),
+        committer_(std::move(committer)),
         db_(std::move(db)),
         persisted_(std::move(values)) {
     if (!hasFile_) return;
     static std::once_flag once;
     std::call_once(once, [] { std::atexit(commitOpenStores); });
-    {
-      std::lock_guard lock(openStores().mutex);
-      openStores().stores.insert(this);
-    }
-    // Made now, while the host sets up, rather than on its first write
-    // (at start-up, the one that starts the first exchange).
-    std::lock_guard lock(pendingMutex_);
-    startWriter();
+    std::lock_guard lock(openStores().mutex);
+    openStores().stores.insert(this);
   }
 
   ~SqliteKeyValueStore() override {
@@ -383,14 +376,6 @@ class SqliteKeyValueStore final : public KeyValueStore {
       std::lock_guard lock(openStores().mutex);
       openStores().stores.erase(this);
     }
-    std::thread writer;
-    {
-      std::lock_guard lock(pendingMutex_);
-      stopping_ = true;
-      writer = std::move(writer_);
-    }
-    pendingCv_.notify_all();
-    if (writer.joinable()) writer.join();
     commitPending();
   }
 
@@ -429,13 +414,22 @@ class SqliteKeyValueStore final : public KeyValueStore {
       changes_.fetch_add(1, std::memory_order_relaxed);
       if (!hasFile_) return;
       pending_.insert_or_assign(key, std::move(encoded));
-      if (writerRunning_) {
-        pendingCv_.notify_one();
-      } else {
-        commitHere = !startWriter();
+      commitHere = !committer_;
+      if (committer_ && !commitQueued_) {
+        commitQueued_ = true;
+        // A task that runs after the store is gone finds nothing to do: the
+        // store committed when it closed.
+        committer_->post([weak = weak_from_this()] {
+          auto self = weak.lock();
+          if (!self) return;
+          {
+            std::lock_guard lock(self->pendingMutex_);
+            self->commitQueued_ = false;
+          }
+          self->commitPending();
+        });
       }
     }
-    // No thread to be had: the caller commits, as before there was a writer.
     if (commitHere) commitPending();
   }
 
@@ -488,35 +482,6 @@ class SqliteKeyValueStore final : public KeyValueStore {
   // Keys to their new encoded value; nullopt removes the row.
   using PendingWrites = std::map<std::string, std::optional<Bytes>>;
 
-  // REQUIRES: pendingMutex_ held. False when no thread can be made.
-  bool startWriter() {
-    // A writer that ended for want of work has left or is leaving; it takes
-    // no lock on its way out.
-    if (writer_.joinable()) writer_.join();
-    try {
-      writer_ = std::thread([this] { writerMain(); });
-    } catch (const std::system_error&) {
-      return false;
-    }
-    writerRunning_ = true;
-    return true;
-  }
-
-  void writerMain() {
-    pthread_setname_np(pthread_self(), "qs-store");
-    for (;;) {
-      {
-        std::unique_lock lock(pendingMutex_);
-        pendingCv_.wait_for(lock, kWriterIdle, [&] { return !pending_.empty() || stopping_; });
-        if (pending_.empty()) {
-          writerRunning_ = false;
-          return;
-        }
-      }
-      commitPending();
-    }
-  }
-
   // REQUIRES: writeMutex_ held. A failed write is logged; the value stays in
   // the cache, so this process keeps seeing it.
   void writeRow(const std::string& key, const std::optional<Bytes>& encoded) {
@@ -553,6 +518,7 @@ class SqliteKeyValueStore final : public KeyValueStore {
 
   std::shared_ptr<Log> log_;
   const bool hasFile_;
+  const std::shared_ptr<WorkerPool> committer_;  // null: commit in setObject
   std::mutex writeMutex_;
   DbHandle db_;        // guarded by writeMutex_; null when in memory only
   StmtHandle upsert_;  // guarded by writeMutex_
@@ -562,11 +528,8 @@ class SqliteKeyValueStore final : public KeyValueStore {
   std::map<std::string, Value> defaults_;   // guarded by cacheMutex_
   std::atomic<std::uint64_t> changes_{0};
   std::mutex pendingMutex_;
-  std::condition_variable pendingCv_;  // a write is pending, or the store closes
-  PendingWrites pending_;              // guarded by pendingMutex_
-  bool writerRunning_ = false;         // guarded by pendingMutex_
-  bool stopping_ = false;              // guarded by pendingMutex_
-  std::thread writer_;                 // guarded by pendingMutex_
+  PendingWrites pending_;      // guarded by pendingMutex_
+  bool commitQueued_ = false;  // a commit task is posted and not begun; guarded by pendingMutex_
 };
 
 // An exit handler: what the stores of the process still hold goes to their files.
@@ -578,14 +541,15 @@ void commitOpenStores() {
 }  // namespace
 
 std::shared_ptr<KeyValueStore> openSqliteStore(const std::string& path, std::shared_ptr<Log> log,
-                                               const std::string& ownedRoot) {
+                                               const std::string& ownedRoot,
+                                               std::shared_ptr<WorkerPool> committer) {
   if (!log) log = makeStderrLog();
   if (path.empty()) {
     log->write(
         LogLevel::Warning,
         "Store has no file (no home directory to keep it in); values are kept in memory only");
     return std::make_shared<SqliteKeyValueStore>(std::move(log), nullptr,
-                                                 std::map<std::string, Value>{});
+                                                 std::map<std::string, Value>{}, nullptr);
   }
   auto opened = openFile(path, ownedRoot, *log);
   if (auto* error = std::get_if<OpenError>(&opened);
@@ -604,13 +568,13 @@ std::shared_ptr<KeyValueStore> openSqliteStore(const std::string& path, std::sha
   }
   if (auto* store = std::get_if<OpenedStore>(&opened)) {
     return std::make_shared<SqliteKeyValueStore>(std::move(log), std::move(store->db),
-                                                 std::move(store->values));
+                                                 std::move(store->values), std::move(committer));
   }
   log->write(LogLevel::Warning,
              fmt::format("Store file {} cannot be used ({}); values are kept in memory only", path,
                          std::get<OpenError>(opened).message));
   return std::make_shared<SqliteKeyValueStore>(std::move(log), nullptr,
-                                               std::map<std::string, Value>{});
+                                               std::map<std::string, Value>{}, nullptr);
 }
 
 }  // namespace qs
