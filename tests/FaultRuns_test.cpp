@@ -4,10 +4,14 @@
 // The outage part really waits for the 60-second retry.
 #include <gtest/gtest.h>
 
+#include <map>
+#include <mutex>
+#include <optional>
 #include <string>
 
 #include "CoreFixture.h"
 #include "SandboxProcess.h"
+#include "manager/QSManagerInternals.h"
 #include "quarrystone/LinuxPlatform.h"
 
 namespace qs::testing {
@@ -112,6 +116,48 @@ TEST_F(FaultRuns, OutageTimeOutAndGarbageEndWithAValidToken) {
   };
   EXPECT_GE(count("dropped"), 1);
   EXPECT_EQ(count("rejected"), 0);
+}
+
+// The store commits on a thread of its own, after the answer has moved on.
+// A host that reads the store from inside managerReady must still find what
+// the answers brought (session, visitor, the cookie its headers carry), and
+// the file must hold the same once the store has synchronised.
+TEST_F(FaultRuns, ReadyFindsTheAnswersInTheStore) {
+  struct StoreReader final : QSManagerDelegate {
+    void managerReady(const HeaderMap& headers) override {
+      std::lock_guard lock(mutex);
+      for (const char* key : {"QS_COLLECTOR_RESPONSE_SID", "QS_COLLECTOR_RESPONSE_VID",
+                              "QS_COLLECTOR_RESPONSE_COOKIE"}) {
+        seen[key] = store->objectForKey(key);
+      }
+      authorization = headers.at("X-QS-AUTHORIZATION");
+      ready = true;
+    }
+    void newHeaders(const HeaderMap&) override {}
+    bool isReady() {
+      std::lock_guard lock(mutex);
+      return ready;
+    }
+    std::shared_ptr<KeyValueStore> store;
+    std::mutex mutex;
+    std::map<std::string, std::optional<Value>> seen;  // guarded by mutex
+    std::string authorization;                         // guarded by mutex
+    bool ready = false;                                // guarded by mutex
+  };
+  auto reader = std::make_shared<StoreReader>();
+  reader->store = QSManagerInternals::platform(*manager).store;
+  manager->setDelegate(reader);
+  manager->startWith(kAppId);
+  ASSERT_TRUE(SandboxProcess::waitUntil([&] { return reader->isReady(); }, 20)) << logText();
+
+  std::lock_guard lock(reader->mutex);
+  EXPECT_EQ(reader->authorization.rfind("3:", 0), 0u) << reader->authorization;
+  ASSERT_TRUE(reader->store->synchronize());
+  auto file = openSqliteStore((dir.path() / "store.sqlite").string(), makeStderrLog());
+  for (const auto& [key, value] : reader->seen) {
+    ASSERT_TRUE(value.has_value()) << key;
+    EXPECT_EQ(file->objectForKey(key), value) << key;
+  }
 }
 
 }  // namespace

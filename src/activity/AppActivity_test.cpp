@@ -125,6 +125,9 @@ TEST(ChallengeActivityTest, ReversesWholeCharacterSequences) {
   const std::string uuid = "0a1b2c3d-4e5f-4a6b-8c7d-9e0f1a2b3c4d";
   std::string mirror(uuid.rbegin(), uuid.rend());
   EXPECT_EQ(ChallengeActivity::reverseString(uuid, text), mirror);
+  // CR LF is one character; LF CR and a lone CR are not.
+  EXPECT_EQ(ChallengeActivity::reverseString("a\r\nb\n\rc\r", text), "\rc\r\nb\r\na");
+  EXPECT_EQ(ChallengeActivity::reverseString("\r\n\xC3\xA9\r\n", text), "\r\n\xC3\xA9\r\n");
   // "e" + combining acute stays in that order; so does a surrogate-range emoji.
   EXPECT_EQ(ChallengeActivity::reverseString("ae\xCC\x81x\xF0\x9F\x98\x80", text),
             "\xF0\x9F\x98\x80xe\xCC\x81"

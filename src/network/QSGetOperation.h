@@ -34,6 +34,8 @@ class QSGetOperation : public QSNetworkOperation {
     delegate_ = std::move(delegate);
   }
   const std::shared_ptr<QSGetOperationDelegate>& delegate() const { return delegate_; }
+  // main() hands the request to the HTTP client and returns.
+  bool isAsynchronous() const override { return true; }
 
  protected:
   void main() override;

@@ -19,9 +19,11 @@ class QSNetworkManager {
 
   explicit QSNetworkManager(Platform platform);
 
-  // Queues the operation; the queue starts it at once on a worker (no limit
-  // is set on how many run) and keeps it until it reports finished. Returns
-  // without waiting; false, with the operation released unstarted, when
+  // Queues the operation; the queue starts it at once (no limit is set on how
+  // many run): a POST or GET on the caller's thread, which hands its request
+  // straight to the HTTP client's loop, anything else on a worker. The queue
+  // keeps it until it reports finished. Returns without waiting for the
+  // answer; false, with the operation released unstarted, when
   // kMaxPendingOperations are pending already.
   bool addNetworkOperation(std::shared_ptr<QSNetworkOperation> operation);
 

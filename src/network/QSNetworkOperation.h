@@ -17,9 +17,10 @@ namespace qs {
 // An operation that finishes only when its own asynchronous work calls back.
 // Its "isFinished" and "isExecuting" keys are observable: observers hear a
 // will-change and a did-change announcement, and only on a real change.
-// start() runs on a queue worker; completions on the HTTP callback thread;
-// cancel() from any thread. Owned through std::shared_ptr (the queue and the
-// pending HTTP completion each hold one).
+// start() runs on a queue worker, or on the adding thread when the operation
+// isAsynchronous(); completions on the HTTP callback thread; cancel() from any
+// thread. Owned through std::shared_ptr (the queue and the pending HTTP
+// completion each hold one).
 class QSNetworkOperation : public std::enable_shared_from_this<QSNetworkOperation> {
  public:
   // Called with the key ("isFinished"/"isExecuting") and whether this is the
@@ -40,6 +41,10 @@ class QSNetworkOperation : public std::enable_shared_from_this<QSNetworkOperatio
   bool isCancelled() const { return cancelled_.load(); }
   // Unless cancelled: finished := false, executing := true, then main().
   void start();
+  // True when main() only hands its work to something that runs it elsewhere
+  // (the HTTP client) and returns at once. The queue then starts it on the
+  // adding thread: a worker would only pass the request on a second time.
+  virtual bool isAsynchronous() const { return false; }
 
   void addObserver(KeyObserver observer);
 

@@ -25,13 +25,18 @@ bool QSOperationQueue::addOperation(std::shared_ptr<QSNetworkOperation> operatio
     if (auto queue = weakQueue.lock()) queue->remove(raw);
   });
   auto run = [weakQueue, operation] {
-    operation->start();
+    // A start that throws is the operation's own failure, as on a worker; it
+    // must not unwind into the caller that added it.
+    try {
+      operation->start();
+    } catch (...) {
+    }
     // A cancelled operation announces nothing: it was finished all along.
     if (operation->isFinished()) {
       if (auto queue = weakQueue.lock()) queue->remove(operation.get());
     }
   };
-  if (workers_) {
+  if (workers_ && !operation->isAsynchronous()) {
     workers_->post(std::move(run));
   } else {
     run();

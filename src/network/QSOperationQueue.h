@@ -10,12 +10,14 @@
 
 namespace qs {
 
-// Runs operations on the platform's worker pool with no concurrency limit,
-// holding each until it reports finished: it observes "isFinished" and lets
-// go on the did-change announcement. An operation cancelled before it starts
-// is dropped without running. At most `maxPending` operations are held: the
-// backlog a flood of host calls can build is bounded. Thread-safe; owned
-// through std::shared_ptr.
+// Runs operations with no concurrency limit, holding each until it reports
+// finished: it observes "isFinished" and lets go on the did-change
+// announcement. An asynchronous operation (one whose main() only hands its
+// work on) starts on the adding thread, before addOperation() returns; any
+// other runs on the platform's worker pool. An operation cancelled before it
+// starts is dropped without running. At most `maxPending` operations are
+// held: the backlog a flood of host calls can build is bounded. Thread-safe;
+// owned through std::shared_ptr.
 class QSOperationQueue : public std::enable_shared_from_this<QSOperationQueue> {
  public:
   QSOperationQueue(std::shared_ptr<WorkerPool> workers, std::size_t maxPending);

@@ -47,6 +47,8 @@ class QSPostOperation : public QSNetworkOperation {
     delegate_ = std::move(delegate);
   }
   const std::shared_ptr<QSPostOperationDelegate>& delegate() const { return delegate_; }
+  // main() hands the request to the HTTP client and returns.
+  bool isAsynchronous() const override { return true; }
 
  protected:
   void main() override;

@@ -48,13 +48,16 @@ Platform makeLinuxPlatform(const DeploymentSettings& settings, LinuxPlatformOpti
   auto network = options.hostContext != nullptr ? nullptr : platform.mainLoop;
   platform.reachability = makeGioReachability(platform.mainLoop);
   platform.http = makeCurlHttpClient(settings.caFile, platform.log, network);
-  platform.workers = makeThreadWorkerPool();
   // The default location's folders are the library's own and kept private;
   // the folders of a path the host chose are the host's.
   const auto storePath = settings.resolvedStorePath(applicationIdentifier(options.bundle));
   const std::string ownedRoot =
       settings.storePath.empty() ? DeploymentSettings::defaultStoreRoot().value_or("") : "";
-  platform.store = openSqliteStore(storePath.value_or(""), platform.log, ownedRoot);
+  // Store writes are committed on the worker pool, so no caller (an answer on
+  // its way to the host) waits for SQLite.
+  platform.workers = makeThreadWorkerPool();
+  platform.store =
+      openSqliteStore(storePath.value_or(""), platform.log, ownedRoot, platform.workers);
   platform.archiver = makeCborArchiver();
   platform.device = makeLinuxDeviceInfo(std::move(options.bundle), options.screen);
   platform.crypto = makeOpenSslCrypto();

@@ -1,11 +1,18 @@
 // The persistent key/value store on Linux: one SQLite file in WAL mode with
 // every persisted value cached in memory, so reads never touch the file.
 //
-// Durability: each setObject commits its own transaction before it returns.
-// With WAL and synchronous=NORMAL the commit sits in the WAL file before the
-// call returns, so it survives a crash or SIGKILL of the host process; it can
-// be lost to a power cut or kernel crash until the next checkpoint, which
-// synchronize() forces (the checkpoint syncs the WAL and the database file).
+// Durability: setObject changes the cache, which every reader in the process
+// sees at once. Without a committer the write is committed before setObject
+// returns: with WAL and synchronous=NORMAL it then sits in the WAL file and
+// survives a crash or SIGKILL of the host process. With a committer (the
+// platform's worker pool) the file is left to a task there, which commits
+// what has been set meanwhile in one transaction, so a caller (an answer from
+// the collector on its way to the host) never waits for SQLite; a process
+// killed, or ended with _exit(), between a setObject and that commit loses the
+// write. Either way a commit can be lost to a power cut or kernel crash until
+// the next checkpoint. synchronize() commits what is pending and forces that
+// checkpoint (it syncs the WAL and the database file); closing the store and
+// leaving the process through exit() commit what is pending too.
 //
 // Privacy: the file, its WAL and its shared-memory file are readable by their
 // owner only (0600), and every folder this code creates is 0700, whatever the
@@ -28,6 +35,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <shared_mutex>
 #include <string>
 #include <thread>
@@ -323,14 +331,56 @@ std::optional<std::string> setAside(const std::string& path) {
   return aside;
 }
 
+class SqliteKeyValueStore;
+
+// The stores of this process with a file, so that leaving the process through
+// exit() commits what they still hold. Never destroyed: exit handlers use it.
+struct OpenStores {
+  std::mutex mutex;
+  std::set<SqliteKeyValueStore*> stores;  // guarded by mutex
+};
+OpenStores& openStores() {
+  static auto* const stores = new OpenStores;
+  return *stores;
+}
+void commitOpenStores();
+
 // Thread contract: every operation may be called from any thread. Reads take
-// a shared lock on the cache only; writers are serialised by writeMutex_,
-// which also guards the connection, so the file sees writes in cache order.
-class SqliteKeyValueStore final : public KeyValueStore {
+// a shared lock on the cache only. A write changes the cache and the pending
+// set under pendingMutex_, so both see writes in the same order; commits take
+// the pending set under writeMutex_, which also guards the connection, so the
+// file sees them in that order too. Lock order: writeMutex_, pendingMutex_,
+// cacheMutex_.
+class SqliteKeyValueStore final : public KeyValueStore,
+                                  public std::enable_shared_from_this<SqliteKeyValueStore> {
  public:
-  // `db` null: the store lives in memory only.
-  SqliteKeyValueStore(std::shared_ptr<Log> log, DbHandle db, std::map<std::string, Value> values)
-      : log_(std::move(log)), db_(std::move(db)), persisted_(std::move(values)) {}
+  // `db` null: the store lives in memory only. `committer` null: each write
+  // commits before setObject returns.
+  SqliteKeyValueStore(std::shared_ptr<Log> log, DbHandle db, std::map<std::string, Value> values,
+                      std::shared_ptr<WorkerPool> committer)
+      : log_(std::move(log)),
+        hasFile_(db != nullptr),
+        committer_(std::move(committer)),
+        db_(std::move(db)),
+        persisted_(std::move(values)) {
+    if (!hasFile_) return;
+    static std::once_flag once;
+    std::call_once(once, [] { std::atexit(commitOpenStores); });
+    std::lock_guard lock(openStores().mutex);
+    openStores().stores.insert(this);
+  }
+
+  ~SqliteKeyValueStore() override {
+    if (!hasFile_) return;
+    {
+      std::lock_guard lock(openStores().mutex);
+      openStores().stores.erase(this);
+    }
+    commitPending();
+  }
+
+  SqliteKeyValueStore(const SqliteKeyValueStore&) = delete;
+  SqliteKeyValueStore& operator=(const SqliteKeyValueStore&) = delete;
 
   std::optional<Value> objectForKey(const std::string& key) override {
     std::shared_lock lock(cacheMutex_);
@@ -350,17 +400,37 @@ class SqliteKeyValueStore final : public KeyValueStore {
         return;
       }
     }
-    std::lock_guard writeLock(writeMutex_);
+    bool commitHere = false;
     {
-      std::unique_lock cacheLock(cacheMutex_);
-      if (value) {
-        persisted_.insert_or_assign(key, std::move(*value));
-      } else {
-        persisted_.erase(key);
+      std::lock_guard pendingLock(pendingMutex_);
+      {
+        std::unique_lock cacheLock(cacheMutex_);
+        if (value) {
+          persisted_.insert_or_assign(key, std::move(*value));
+        } else {
+          persisted_.erase(key);
+        }
+      }
+      changes_.fetch_add(1, std::memory_order_relaxed);
+      if (!hasFile_) return;
+      pending_.insert_or_assign(key, std::move(encoded));
+      commitHere = !committer_;
+      if (committer_ && !commitQueued_) {
+        commitQueued_ = true;
+        // A task that runs after the store is gone finds nothing to do: the
+        // store committed when it closed.
+        committer_->post([weak = weak_from_this()] {
+          auto self = weak.lock();
+          if (!self) return;
+          {
+            std::lock_guard lock(self->pendingMutex_);
+            self->commitQueued_ = false;
+          }
+          self->commitPending();
+        });
       }
     }
-    changes_.fetch_add(1, std::memory_order_relaxed);
-    if (db_) writeRow(key, encoded);
+    if (commitHere) commitPending();
   }
 
   void registerDefaults(const Value& defaults) override {
@@ -373,8 +443,9 @@ class SqliteKeyValueStore final : public KeyValueStore {
   }
 
   bool synchronize() override {
+    if (!hasFile_) return false;
+    commitPending();
     std::lock_guard writeLock(writeMutex_);
-    if (!db_) return false;
     int rc =
         sqlite3_wal_checkpoint_v2(db_.get(), nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
     if (rc != SQLITE_OK) {
@@ -387,7 +458,30 @@ class SqliteKeyValueStore final : public KeyValueStore {
 
   std::uint64_t changeCount() const override { return changes_.load(std::memory_order_relaxed); }
 
+  // Commits every pending write, in one transaction when there are several.
+  // Returns once they are in the file (or logged as failed).
+  void commitPending() {
+    std::lock_guard writeLock(writeMutex_);
+    PendingWrites batch;
+    {
+      std::lock_guard pendingLock(pendingMutex_);
+      batch.swap(pending_);
+    }
+    if (batch.empty()) return;
+    const bool transaction = batch.size() > 1 && sqlite3_exec(db_.get(), "BEGIN IMMEDIATE", nullptr,
+                                                              nullptr, nullptr) == SQLITE_OK;
+    for (const auto& [key, encoded] : batch) writeRow(key, encoded);
+    if (transaction && sqlite3_exec(db_.get(), "COMMIT", nullptr, nullptr, nullptr) != SQLITE_OK) {
+      log_->write(LogLevel::Warning,
+                  fmt::format("Store commit failed: {}", sqlite3_errmsg(db_.get())));
+      sqlite3_exec(db_.get(), "ROLLBACK", nullptr, nullptr, nullptr);
+    }
+  }
+
  private:
+  // Keys to their new encoded value; nullopt removes the row.
+  using PendingWrites = std::map<std::string, std::optional<Bytes>>;
+
   // REQUIRES: writeMutex_ held. A failed write is logged; the value stays in
   // the cache, so this process keeps seeing it.
   void writeRow(const std::string& key, const std::optional<Bytes>& encoded) {
@@ -423,6 +517,8 @@ class SqliteKeyValueStore final : public KeyValueStore {
   }
 
   std::shared_ptr<Log> log_;
+  const bool hasFile_;
+  const std::shared_ptr<WorkerPool> committer_;  // null: commit in setObject
   std::mutex writeMutex_;
   DbHandle db_;        // guarded by writeMutex_; null when in memory only
   StmtHandle upsert_;  // guarded by writeMutex_
@@ -431,19 +527,29 @@ class SqliteKeyValueStore final : public KeyValueStore {
   std::map<std::string, Value> persisted_;  // guarded by cacheMutex_
   std::map<std::string, Value> defaults_;   // guarded by cacheMutex_
   std::atomic<std::uint64_t> changes_{0};
+  std::mutex pendingMutex_;
+  PendingWrites pending_;      // guarded by pendingMutex_
+  bool commitQueued_ = false;  // a commit task is posted and not begun; guarded by pendingMutex_
 };
+
+// An exit handler: what the stores of the process still hold goes to their files.
+void commitOpenStores() {
+  std::lock_guard lock(openStores().mutex);
+  for (SqliteKeyValueStore* store : openStores().stores) store->commitPending();
+}
 
 }  // namespace
 
 std::shared_ptr<KeyValueStore> openSqliteStore(const std::string& path, std::shared_ptr<Log> log,
-                                               const std::string& ownedRoot) {
+                                               const std::string& ownedRoot,
+                                               std::shared_ptr<WorkerPool> committer) {
   if (!log) log = makeStderrLog();
   if (path.empty()) {
     log->write(
         LogLevel::Warning,
         "Store has no file (no home directory to keep it in); values are kept in memory only");
     return std::make_shared<SqliteKeyValueStore>(std::move(log), nullptr,
-                                                 std::map<std::string, Value>{});
+                                                 std::map<std::string, Value>{}, nullptr);
   }
   auto opened = openFile(path, ownedRoot, *log);
   if (auto* error = std::get_if<OpenError>(&opened);
@@ -462,13 +568,13 @@ std::shared_ptr<KeyValueStore> openSqliteStore(const std::string& path, std::sha
   }
   if (auto* store = std::get_if<OpenedStore>(&opened)) {
     return std::make_shared<SqliteKeyValueStore>(std::move(log), std::move(store->db),
-                                                 std::move(store->values));
+                                                 std::move(store->values), std::move(committer));
   }
   log->write(LogLevel::Warning,
              fmt::format("Store file {} cannot be used ({}); values are kept in memory only", path,
                          std::get<OpenError>(opened).message));
   return std::make_shared<SqliteKeyValueStore>(std::move(log), nullptr,
-                                               std::map<std::string, Value>{});
+                                               std::map<std::string, Value>{}, nullptr);
 }
 
 }  // namespace qs

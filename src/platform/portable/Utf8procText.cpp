@@ -1,5 +1,7 @@
 #include <utf8proc.h>
 
+#include <algorithm>
+
 #include "quarrystone/PortableServices.h"
 
 namespace qs {
@@ -12,6 +14,17 @@ class Utf8procText final : public Text {
  public:
   std::vector<std::size_t> graphemeStarts(std::string_view utf8) override {
     std::vector<std::size_t> starts;
+    // ASCII text (a challenge's uuid) breaks between every two characters
+    // except CR LF, without the property tables, which a first use would
+    // have to fault in.
+    if (std::all_of(utf8.begin(), utf8.end(),
+                    [](char c) { return static_cast<unsigned char>(c) < 0x80; })) {
+      starts.reserve(utf8.size());
+      for (std::size_t i = 0; i < utf8.size(); ++i) {
+        if (i == 0 || utf8[i - 1] != '\r' || utf8[i] != '\n') starts.push_back(i);
+      }
+      return starts;
+    }
     utf8proc_int32_t state = 0;
     utf8proc_int32_t previous = -1;
     std::size_t i = 0;

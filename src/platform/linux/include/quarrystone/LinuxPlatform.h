@@ -44,10 +44,13 @@ QS_EXPORT std::shared_ptr<MainLoop> makeGlibMainLoop(GMainContext* hostContext);
 // readable by their owner only, and folders created on the way are 0700.
 // `ownedRoot` (an ancestor folder of `path`, or empty) marks the folders from
 // it down as the library's own: found open to others, they are tightened.
-// An empty `path` keeps the values in memory only.
-QS_EXPORT std::shared_ptr<KeyValueStore> openSqliteStore(const std::string& path,
-                                                         std::shared_ptr<Log> log,
-                                                         const std::string& ownedRoot = {});
+// An empty `path` keeps the values in memory only. Without `committer` every
+// write is in the file when setObject returns; with one (the platform's
+// worker pool) the cache changes at once and the file a moment later, in a
+// task there, and synchronize(), closing the store or exit() wait for it.
+QS_EXPORT std::shared_ptr<KeyValueStore> openSqliteStore(
+    const std::string& path, std::shared_ptr<Log> log, const std::string& ownedRoot = {},
+    std::shared_ptr<WorkerPool> committer = nullptr);
 QS_EXPORT std::shared_ptr<DeviceInfo> makeLinuxDeviceInfo(BundleInfo bundle,
                                                           std::optional<ScreenInfo> screen);
 
