@@ -2,8 +2,6 @@
 
 #include <span>
 
-#include "quarrystone/Export.h"
-
 // The field code table: every fact sent to the collector is keyed by a short
 // code ("QS320") rather than a readable name. Each entry below becomes one
 // constant named after the field, defined in this header: the library keeps
@@ -382,7 +380,12 @@ struct QSFieldEntry {
   const char* code;  // "QS320"
 };
 
-// All rows in declaration order. Static storage; safe from any thread.
-QS_EXPORT std::span<const QSFieldEntry> QSFieldsMappingTable();
+// All rows in declaration order. Defined here like the constants, so a host
+// that never lists the table does not carry it. Safe from any thread.
+#define QS_FIELD_ROW(constant, code) QSFieldEntry{#constant, code},
+inline constexpr QSFieldEntry kQSFieldsMappingRows[] = {QS_FIELDS_MAPPING_LIST(QS_FIELD_ROW)};
+#undef QS_FIELD_ROW
+
+inline std::span<const QSFieldEntry> QSFieldsMappingTable() { return kQSFieldsMappingRows; }
 
 }  // namespace qs
