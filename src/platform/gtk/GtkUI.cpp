@@ -44,6 +44,18 @@ void onPageTitle(WebKitWebView* view, GParamSpec*, gpointer window) {
   gtk_window_set_title(GTK_WINDOW(window), title && *title ? title : kWindowTitle);
 }
 
+// The toolkit leaves the window's size callback connected to the window's
+// surface, and a destroyed surface can still compute its size later (work it
+// had pending). Run before the window gives its surface up: from then on the
+// surface holds a reference on the window until the surface is finalised.
+void holdUntilSurfaceGone(GtkWidget* window, gpointer) {
+  GdkSurface* surface = gtk_native_get_surface(GTK_NATIVE(window));
+  if (surface == nullptr) return;
+  g_object_weak_ref(
+      G_OBJECT(surface), [](gpointer held, GObject*) { g_object_unref(held); },
+      g_object_ref(window));
+}
+
 gboolean destroyRetired(gpointer data) {
   auto* retired = static_cast<Retired*>(data);
   gtk_window_destroy(retired->window);
@@ -154,6 +166,8 @@ void GtkUI::present(std::shared_ptr<ViewController> controller, ViewController& 
   if (parent) g_object_unref(parent);
   gulong close = g_signal_connect(window, "close-request", G_CALLBACK(onCloseRequest), this);
   gulong destroy = g_signal_connect(window, "destroy", G_CALLBACK(onDestroy), this);
+  // Needs no UI, so it stays connected: the window may outlive this object.
+  g_signal_connect(window, "unrealize", G_CALLBACK(holdUntilSurfaceGone), nullptr);
   presented_.push_back(Presented{controller, window, close, destroy, nullptr});
 
   controller->viewDidLoad();

@@ -164,6 +164,32 @@ TEST_F(GtkUITest, PageWindowHasATitleAndClosesByItsControlOrEscape) {
   EXPECT_EQ(delegate->calls, 0);
 }
 
+// Closed as soon as it is on screen, with the UI holding the only reference
+// to the window and the controller. The toolkit's surface for the window can
+// outlive the window and still compute its size through it, so the window
+// must live at least as long as its surface.
+TEST_F(GtkUITest, PageClosedAsSoonAsItAppearsOutlivesItsSurface) {
+  for (int iterations = 0; iterations < 3; ++iterations) {
+    observer = std::make_shared<RecordingObserver>();
+    present("captcha", "<p>captcha</p>");
+    controller.reset();
+    GWeakRef surface;
+    g_weak_ref_init(&surface, gtk_native_get_surface(GTK_NATIVE(window)));
+    for (int i = 0; i < iterations; ++i) g_main_context_iteration(nullptr, FALSE);
+    gtk_window_close(window);
+    bool windowBeforeSurface = false;
+    EXPECT_TRUE(iterateUntil([&] {
+      GObject* alive = G_OBJECT(g_weak_ref_get(&surface));
+      if (alive) g_object_unref(alive);
+      windowBeforeSurface = windowBeforeSurface || (alive != nullptr && windowGone());
+      return alive == nullptr && windowGone();
+    }));
+    g_weak_ref_clear(&surface);
+    EXPECT_FALSE(windowBeforeSurface) << "closed after " << iterations << " iterations";
+    EXPECT_EQ(observer->ends, std::vector<QSBlockPageEnd>{QSBlockPageEnd::Closed});
+  }
+}
+
 TEST_F(GtkUITest, FailedCaptchaReloadsThePageWhichSeesTheLibraryUserAgent) {
   // The page reports the user agent it sees in the callback URL.
   present("captcha",
