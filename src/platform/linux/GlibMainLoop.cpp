@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cmath>
+#include <condition_variable>
 #include <functional>
 #include <future>
 #include <memory>
@@ -110,11 +111,12 @@ struct DemandState {
   GMainContext* const context;  // weak: the loop and its thread hold it
   const gint64 idle;            // microseconds
   std::mutex mutex;
-  std::size_t pending = 0;  // guarded by mutex: our sources attached and not yet destroyed
-  bool busy = false;        // guarded by mutex
-  bool stopping = false;    // guarded by mutex: the loop is being destroyed
-  bool running = false;     // guarded by mutex: a thread serves the context
-  gint64 idleSince = 0;     // guarded by mutex: monotonic time the last activity ended
+  std::size_t pending = 0;        // guarded by mutex: our sources attached and not yet destroyed
+  bool busy = false;              // guarded by mutex
+  bool stopping = false;          // guarded by mutex: the loop is being destroyed
+  bool running = false;           // guarded by mutex: a thread serves the context
+  std::condition_variable ended;  // notified when a serving thread stops serving
+  gint64 idleSince = 0;           // guarded by mutex: monotonic time the last activity ended
   std::atomic<std::thread::id> thread;  // the serving thread; none between threads
 
   // Called as one of our sources goes, on whichever thread destroys it. The
@@ -233,7 +235,10 @@ gboolean clearWake(gpointer) {
 }
 
 // An on-demand loop's thread: serves the context until it has been idle for
-// the state's time, or the loop goes.
+// the state's time, or the loop goes. Detached, so a thread that has ended
+// leaves nothing behind (a finished thread nobody joins keeps its stack); it
+// holds its own references to the context and the wake source, and says
+// through `ended` when it no longer serves.
 void serveOnDemand(std::shared_ptr<DemandState> demand, GMainContext* context, GSource* wake) {
   pthread_setname_np(pthread_self(), "qs-network");
   demand->thread.store(std::this_thread::get_id());
@@ -241,21 +246,23 @@ void serveOnDemand(std::shared_ptr<DemandState> demand, GMainContext* context, G
   for (;;) {
     {
       std::lock_guard lock(demand->mutex);
-      if (demand->stopping) break;
       gint64 wakeAt = -1;
-      if (demand->pending == 0 && !demand->busy) {
+      if (!demand->stopping && demand->pending == 0 && !demand->busy) {
         wakeAt = demand->idleSince + demand->idle;
-        if (g_get_monotonic_time() >= wakeAt) {
-          demand->running = false;
-          demand->thread.store(std::thread::id());
-          break;
-        }
+      }
+      if (demand->stopping || (wakeAt >= 0 && g_get_monotonic_time() >= wakeAt)) {
+        demand->running = false;
+        demand->thread.store(std::thread::id());
+        demand->ended.notify_all();
+        break;
       }
       g_source_set_ready_time(wake, wakeAt);
     }
     g_main_context_iteration(context, TRUE);
   }
   g_main_context_pop_thread_default(context);
+  g_source_unref(wake);
+  g_main_context_unref(context);
 }
 
 // Thread contract: every member may be called from any thread. On
@@ -310,20 +317,15 @@ class GlibMainLoop final : public MainLoop {
       if (auto timer = weak.lock()) timer->invalidate();
     }
     if (demand_) {
-      std::thread thread;
-      {
-        std::lock_guard lock(demand_->mutex);
-        demand_->stopping = true;
-        thread = std::move(thread_);
-        g_main_context_wakeup(context_);
+      std::unique_lock lock(demand_->mutex);
+      demand_->stopping = true;
+      g_main_context_wakeup(context_);
+      // Once the serving thread has stopped, no source of ours runs again.
+      // Dropped on that very thread, it stops after the current dispatch.
+      if (demand_->thread.load() != std::this_thread::get_id()) {
+        demand_->ended.wait(lock, [&] { return !demand_->running; });
       }
-      if (thread.joinable()) {
-        if (std::this_thread::get_id() == thread.get_id()) {
-          thread.detach();
-        } else {
-          thread.join();
-        }
-      }
+      lock.unlock();
       g_source_destroy(wake_);
       g_source_unref(wake_);
     } else if (thread_.joinable()) {
@@ -407,23 +409,24 @@ class GlibMainLoop final : public MainLoop {
     return demand_;
   }
 
-  // REQUIRES: demand_->mutex held, no thread running. The one before has
-  // decided to end and takes no lock any more, so joining it is short.
+  // REQUIRES: demand_->mutex held, no thread running. The one before may
+  // still be on its way out; it holds its own references.
   void startOnDemandThread() {
-    if (thread_.joinable()) thread_.join();
     try {
-      thread_ = std::thread(serveOnDemand, demand_, context_, wake_);
+      std::thread(serveOnDemand, demand_, g_main_context_ref(context_),
+                  static_cast<GSource*>(g_source_ref(wake_)))
+          .detach();
       demand_->running = true;
     } catch (const std::system_error&) {
+      g_source_unref(wake_);
+      g_main_context_unref(context_);
       // No thread to be had now: the next dispatch tries again.
     }
   }
 
-  GMainContext* context_ = nullptr;  // our reference
-  GMainLoop* loop_ = nullptr;        // our reference; only when we own the thread
-  // Own thread: the loop's; on-demand: the current or last serving thread,
-  // guarded by demand_->mutex.
-  std::thread thread_;
+  GMainContext* context_ = nullptr;      // our reference
+  GMainLoop* loop_ = nullptr;            // our reference; only when we own the thread
+  std::thread thread_;                   // the loop's own thread, when it owns one (not on-demand)
   std::shared_ptr<DemandState> demand_;  // on-demand loops only
   GSource* wake_ = nullptr;              // on-demand: fires at the idle deadline; our reference
   std::shared_ptr<LoopState> state_;
