@@ -186,35 +186,42 @@ std::map<long, ThreadSample> sampleThreads() {
 
 std::string jsonString(const std::string& text) { return qs::Value(text).dump(); }
 
-int childMain(const Options& o) {
+// What every measured child sets up: settings for the sandbox on `o.port`
+// and the store at `o.store`, platform options that send the whole trace to
+// `log`, and with --host-context a stand-in host whose GLib loop runs on a
+// thread of its own (it belongs to the host, not the library; this thread
+// stays free to measure, and the process ends with _Exit).
+struct ChildSetup {
   qs::DeploymentSettings settings;
-  settings.collectorHostPattern = "{appId}.collector.localhost:" + std::to_string(o.port);
-  settings.webDomain = "localhost:" + std::to_string(o.port);
-  settings.caFile = o.ca;
-  settings.storePath = o.store;
+  qs::LinuxPlatformOptions platform;
+};
 
-  auto log = std::make_shared<MemoryLog>();
-  qs::LinuxPlatformOptions platformOptions;
-  platformOptions.bundle = qs::BundleInfo{"1.0", "qs-measure", "org.quarrystone.measure", {"en"}};
-  platformOptions.log = log;
-  platformOptions.logLevel = qs::LogLevel::Debug;
-  // The stand-in host runs its loop on a thread of its own, so that this
-  // thread stays free to measure; it belongs to the host, not the library.
-  GMainContext* hostContext = nullptr;
-  GMainLoop* hostLoop = nullptr;
-  std::thread hostThread;
+ChildSetup childSetup(const Options& o, std::shared_ptr<qs::Log> log) {
+  ChildSetup setup;
+  setup.settings.collectorHostPattern = "{appId}.collector.localhost:" + std::to_string(o.port);
+  setup.settings.webDomain = "localhost:" + std::to_string(o.port);
+  setup.settings.caFile = o.ca;
+  setup.settings.storePath = o.store;
+  setup.platform.bundle = qs::BundleInfo{"1.0", "qs-measure", "org.quarrystone.measure", {"en"}};
+  setup.platform.log = std::move(log);
+  setup.platform.logLevel = qs::LogLevel::Debug;
   if (o.hostContext) {
-    hostContext = g_main_context_new();
-    hostLoop = g_main_loop_new(hostContext, FALSE);
-    platformOptions.hostContext = hostContext;
-    hostThread = std::thread([hostContext, hostLoop] {
+    GMainContext* hostContext = g_main_context_new();
+    GMainLoop* hostLoop = g_main_loop_new(hostContext, FALSE);
+    setup.platform.hostContext = hostContext;
+    std::thread([hostContext, hostLoop] {
       pthread_setname_np(pthread_self(), "host-loop");
       g_main_context_push_thread_default(hostContext);
       g_main_loop_run(hostLoop);
-    });
-    hostThread.detach();  // the process ends with _Exit below
+    }).detach();
     while (!g_main_loop_is_running(hostLoop)) std::this_thread::yield();
   }
+  return setup;
+}
+
+int childMain(const Options& o) {
+  auto log = std::make_shared<MemoryLog>();
+  auto [settings, platformOptions] = childSetup(o, log);
   const long mainThread = static_cast<long>(getpid());
   const auto before = sampleThreads();
 
@@ -387,28 +394,8 @@ int memoryChild(const Options& o) {
   const bool baseline = plainHttpsRequest(o.port, o.ca);
   samples.push_back(sampleMemory("after one plain libcurl HTTPS request"));
 
-  qs::DeploymentSettings settings;
-  settings.collectorHostPattern = "{appId}.collector.localhost:" + std::to_string(o.port);
-  settings.webDomain = "localhost:" + std::to_string(o.port);
-  settings.caFile = o.ca;
-  settings.storePath = o.store;
-  auto log = std::make_shared<CompletionLog>();
-  qs::LinuxPlatformOptions platformOptions;
-  platformOptions.bundle = qs::BundleInfo{"1.0", "qs-measure", "org.quarrystone.measure", {"en"}};
-  platformOptions.log = log;
-  platformOptions.logLevel = qs::LogLevel::Debug;  // the completion lines are debug lines
-  GMainContext* hostContext = nullptr;
-  if (o.hostContext) {
-    hostContext = g_main_context_new();
-    GMainLoop* hostLoop = g_main_loop_new(hostContext, FALSE);
-    platformOptions.hostContext = hostContext;
-    std::thread([hostContext, hostLoop] {
-      pthread_setname_np(pthread_self(), "host-loop");
-      g_main_context_push_thread_default(hostContext);
-      g_main_loop_run(hostLoop);
-    }).detach();  // the process ends with _Exit below
-    while (!g_main_loop_is_running(hostLoop)) std::this_thread::yield();
-  }
+  auto log = std::make_shared<CompletionLog>();  // the completion lines are debug lines
+  auto [settings, platformOptions] = childSetup(o, log);
   auto manager = qs::QSManager::create(qs::makeLinuxPlatform(settings, platformOptions), settings);
   auto delegate = std::make_shared<ReadyDelegate>();
   manager->setDelegate(delegate);
