@@ -15,6 +15,14 @@
 //     more round trip, for the TCP handshake): first launch with and without
 //     the challenge, and a relaunch on the same store, in milliseconds and in
 //     round trips, with the headers available right after startWith().
+//   - the transport alone, for comparison: a plain libcurl client in a fresh
+//     process, with OpenSSL's one-time set-up already done, connecting to
+//     the same sandbox and posting two bodies of the start-up's sizes over
+//     one connection (one for the series without a challenge). The sandbox
+//     refuses them without the collector's work, so this is a little less
+//     than the floor the library stands on; the difference is what the
+//     library adds (its own compute, its event loop and thread hand-offs,
+//     the collector's work on real activities).
 //   - with --memory, the resident memory and malloc heap the library adds to
 //     the process after managerReady and after --exchanges N forced renewals
 //     (1,000 by default), apart from what libcurl and OpenSSL take for
@@ -30,6 +38,7 @@
 #include <curl/curl.h>
 #include <dirent.h>
 #include <malloc.h>
+#include <openssl/ssl.h>
 #include <pthread.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -90,6 +99,8 @@ struct Options {
   bool hostContext = false;
   // Round-trip time of the delaying relay, 0 for plain loopback.
   int rttMs = 0;
+  // Child mode: the transport alone instead of the library.
+  bool transport = false;
   // The memory report, and the forced renewals it makes.
   bool memory = false;
   long exchanges = 1000;
@@ -388,6 +399,40 @@ bool plainHttpsRequest(int port, const std::string& ca) {
   return result == CURLE_OK;
 }
 
+// The transport alone: what the library's start-up costs without the
+// library. Same process start and the same TLS warm-up as the library's
+// (see CurlHttpClient.cpp), but finished before the clock starts, which the
+// library's is not when a host starts right after creating; then one new
+// connection to the collector's host and bodies the size of the start-up's
+// first activity and challenge answer.
+int transportChild(const Options& o) {
+  curl_global_init(CURL_GLOBAL_DEFAULT);
+  SSL_CTX_free(SSL_CTX_new(TLS_client_method()));
+  const auto start = SteadyClock::now();
+  CURL* easy = curl_easy_init();
+  if (easy == nullptr) return 1;
+  const std::string url =
+      fmt::format("https://{}.collector.localhost:{}/api/v1/collector/mobile", o.appId, o.port);
+  curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
+  curl_easy_setopt(easy, CURLOPT_CAINFO, o.ca.c_str());
+  curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, discardBody);
+  curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(easy, CURLOPT_TIMEOUT, 10L);
+  std::vector<double> done;
+  for (const std::size_t size : {1000u, 700u}) {
+    const std::string body = "p=" + std::string(size, 'A');
+    curl_easy_setopt(easy, CURLOPT_COPYPOSTFIELDS, body.c_str());
+    if (curl_easy_perform(easy) != CURLE_OK) break;
+    done.push_back(std::chrono::duration<double, std::milli>(SteadyClock::now() - start).count());
+  }
+  curl_easy_cleanup(easy);
+  const bool ok = done.size() == 2;
+  std::printf("{\"ok\":%s,\"one_ms\":%f,\"two_ms\":%f}\n", ok ? "true" : "false",
+              ok ? done[0] : 0.0, ok ? done[1] : 0.0);
+  std::fflush(stdout);
+  return ok ? 0 : 1;
+}
+
 int memoryChild(const Options& o) {
   qs::Value samples = qs::Value::array();
   samples.push_back(sampleMemory("process start"));
@@ -548,6 +593,7 @@ std::optional<RunResult> runChild(const Options& o, const std::string& self, con
                                    "--idle",   std::to_string(idleSeconds),
                                    "--settle", std::to_string(settleSeconds)};
   if (o.hostContext) args.emplace_back("--host-context");
+  if (o.transport) args.emplace_back("--transport");
   auto spawned = spawnWithOutput(args);
   if (!spawned) return std::nullopt;
   const std::string line = readLine(spawned->second);
@@ -589,7 +635,7 @@ bool series(const Options& o, const std::string& self, const std::string& dir, b
     std::fprintf(stderr, "qs-measure: cannot start %s\n", o.sandbox.c_str());
     return false;
   }
-  std::vector<double> ready;
+  std::vector<double> ready, transport, added;
   std::printf("\n%s (sandbox on port %d)\n",
               challenge ? "With the challenge round trip" : "Without a challenge (--no-challenge)",
               sandbox->port);
@@ -611,11 +657,26 @@ bool series(const Options& o, const std::string& self, const std::string& dir, b
     if (i < 0) continue;
     ready.push_back(ms);
     results.push_back(std::move(*run));
+    // The transport alone right after, so that both see the same machine.
+    Options alone = o;
+    alone.transport = true;
+    const auto bare = runOnce(alone, self, *sandbox, dir, index++, 0);
+    if (bare && bare->child.value("ok", false)) {
+      const double bareMs = bare->child.value(challenge ? "two_ms" : "one_ms", 0.0);
+      transport.push_back(bareMs);
+      added.push_back(ms - bareMs);
+    }
   }
   const Spread s = spreadOf(ready);
   std::printf("  startWith -> managerReady: median %.2f ms, min %.2f, max %.2f over %zu runs\n",
               s.median, s.min, s.max, ready.size());
-  return !ready.empty();
+  const Spread t = spreadOf(transport);
+  const Spread a = spreadOf(added);
+  std::printf(
+      "  the transport alone (plain libcurl, a new connection, %s), run after each: "
+      "median %.2f ms, min %.2f, max %.2f; the library adds a median of %.2f ms\n",
+      challenge ? "two requests" : "one request", t.median, t.min, t.max, a.median);
+  return !ready.empty() && transport.size() == ready.size();
 }
 
 // Start-up through the delaying relay: first launch, then a relaunch on the
@@ -878,6 +939,8 @@ bool parse(int argc, char** argv, Options& o) {
       o.trace = true;
     } else if (arg == "--host-context") {
       o.hostContext = true;
+    } else if (arg == "--transport") {
+      o.transport = true;
     } else if (arg == "--memory") {
       o.memory = true;
     } else if (arg == "--exchanges") {
@@ -919,7 +982,10 @@ int main(int argc, char** argv) {
                  "[--memory [--exchanges N]]\n");
     return 2;
   }
-  if (options.child) return options.memory ? memoryChild(options) : childMain(options);
+  if (options.child) {
+    if (options.transport) return transportChild(options);
+    return options.memory ? memoryChild(options) : childMain(options);
+  }
   const std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
   if (options.memory) return runMemory(options, self);
   return options.rttMs > 0 ? runRtt(options, self) : runParent(options, self);
