@@ -19,21 +19,14 @@ class ScopedEnv {
  public:
   ScopedEnv(const char* name, std::optional<std::string> value) : name_(name) {
     if (const char* old = std::getenv(name)) old_ = old;
-    if (value) {
-      setenv(name, value->c_str(), 1);
-    } else {
-      unsetenv(name);
-    }
+    set(value);
   }
-  ~ScopedEnv() {
-    if (old_) {
-      setenv(name_, old_->c_str(), 1);
-    } else {
-      unsetenv(name_);
-    }
-  }
+  ~ScopedEnv() { set(old_); }
 
  private:
+  void set(const std::optional<std::string>& v) {
+    v ? setenv(name_, v->c_str(), 1) : unsetenv(name_);
+  }
   const char* name_;
   std::optional<std::string> old_;
 };

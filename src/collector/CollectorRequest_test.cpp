@@ -2,8 +2,6 @@
 
 #include <ranges>
 
-#include <fmt/format.h>
-
 #include "CoreFixture.h"
 #include "base/PercentEncoding.h"
 #include "quarrystone/QSFieldsMapping.h"
@@ -175,14 +173,9 @@ TEST_F(CollectorExchangeTest, MalformedAnswersAreFailuresOrEmptyButNeverCrash) {
   EXPECT_FALSE(QSManagerInternals::storage(*manager)->getCookie().has_value());
 }
 
-TEST_F(CollectorExchangeTest, FormStringIsTheBodyMapWithoutEscaping) {
-  Value body = Value::object();
-  EXPECT_EQ(CollectorRequest::toFormSubmitPostString(body), "");
-  body["uuid"] = "u";
-  body["payload"] = "ab+x/y==";
-  body["appId"] = "A";
-  EXPECT_EQ(CollectorRequest::toFormSubmitPostString(body), "uuid=u&payload=ab+x/y==&appId=A");
-
+// Values travel unescaped: decodePost() splits the body without unescaping
+// and the payload must still decrypt.
+TEST_F(CollectorExchangeTest, FirstPostCarriesTheFormFieldsToTheCollectorUrl) {
   manager->startWith("app1");
   auto post = lastPost();
   EXPECT_EQ(post.form["uuid"], QSManagerInternals::uuid(*manager)->UUID());
@@ -203,78 +196,6 @@ TEST_F(CollectorExchangeTest, AnAnswerAfterTheManagerIsGoneChangesNothing) {
   EXPECT_FALSE(storage->getCookie().has_value());
   EXPECT_TRUE(delegate->calls().empty());
   EXPECT_EQ(fake.mainLoop->pendingTimerCount(), 0u);
-}
-
-// The exchange alone, without a manager: a stub view and a recording
-// orchestrator stand in for QSManager and QSManagerHelper.
-class StubManagerView final : public ManagerView {
- public:
-  std::string appId() const override { return "app9"; }
-  std::string collectorUrl() const override { return "https://collector.stub/post"; }
-  HeaderMap httpHeaders() const override { return {{"X-QS-AUTHORIZATION", "stub"}}; }
-  std::shared_ptr<QSManagerDelegate> delegate() const override { return host; }
-  std::shared_ptr<RecordingDelegate> host = std::make_shared<RecordingDelegate>();
-};
-
-class RecordingOrchestrator final : public CollectorRequestDelegate {
- public:
-  void handleChallenge(const QSChallenge& challenge) override {
-    calls.push_back("challenge " + challenge.signedHash());
-  }
-  void setTimerForTokenRenew(const QSCookie& cookie) override {
-    calls.push_back("renew " + cookie.token());
-  }
-  void setTimerForAppIdleActivity(double seconds) override {
-    calls.push_back(fmt::format("idle {}", seconds));
-  }
-  void setTimerForAppInitActivity() override { calls.push_back("init"); }
-  std::vector<std::string> calls;  // the fake answers on the test's thread
-};
-
-TEST(CollectorRequestAlone, RunsOnAViewAndADelegateAndStopsWhenTheViewIsGone) {
-  fake::FakePlatform fake;
-  const Platform platform = fake.platform();
-  auto storage = std::make_shared<QSStorage>(platform.store, platform.archiver, platform.log);
-  SharedServices services{platform, storage, std::make_shared<QSUtils>(platform, storage),
-                          std::make_shared<QSUUID>(platform.device),
-                          std::make_shared<QSNetworkManager>(platform)};
-  auto view = std::make_shared<StubManagerView>();
-  auto host = view->host;
-  auto orchestrator = std::make_shared<RecordingOrchestrator>();
-  auto request = std::make_shared<CollectorRequest>(view, services);
-  request->setDelegate(orchestrator);
-  auto send = [&](const char* type) {
-    request->sendRequestToServer(Value{{"t", type}, {"d", Value::object()}});
-  };
-
-  send(QSFM_APP_INIT);
-  ASSERT_EQ(fake.http->requestCount(), 1u);
-  EXPECT_EQ(fake.http->requests()[0].url, "https://collector.stub/post");
-  auto posted = decodePost(fake.http->requests()[0]);
-  EXPECT_EQ(posted.form["appId"], "app9");
-  EXPECT_EQ(posted.type(), QSFM_APP_INIT);
-  fake.http->respondNext(commands({"bake|_qs3|x|T1|y|100"}));
-  EXPECT_EQ(storage->getCookie()->token(), "T1");
-  ASSERT_EQ(host->calls().size(), 1u);
-  EXPECT_EQ(host->calls()[0].kind, "managerReady");
-  EXPECT_EQ(host->calls()[0].headers, view->httpHeaders());
-
-  send(QSFM_APP_IDLE);
-  fake.http->respondNext(kRefused);
-  send(QSFM_APP_IDLE);
-  fake.http->respondNext(commands({"appc|t1|42|h1|u"}));
-  EXPECT_EQ(orchestrator->calls, (std::vector<std::string>{"renew T1", "idle 60", "challenge h1"}));
-
-  // Once the view is gone, a new token in flight is neither saved nor
-  // armed nor told, and nothing new is sent.
-  send(QSFM_APP_IDLE);
-  view.reset();
-  fake.http->respondNext(commands({"bake|_qs3|x|T2|y|100"}));
-  send(QSFM_APP_INIT);
-  EXPECT_EQ(storage->getCookie()->token(), "T1");
-  EXPECT_EQ(orchestrator->calls.size(), 3u);
-  EXPECT_EQ(host->calls().size(), 1u);
-  EXPECT_EQ(fake.http->requestCount(), 4u);
 }
 
 // The record of the latest client error report, decoded from its URL.

@@ -66,7 +66,7 @@ TEST_F(CollectorResponseTest, ChallengeCommands) {
   ASSERT_TRUE(r.challenge());
   EXPECT_EQ(r.challenge()->type(), "t1");
   EXPECT_EQ(r.challenge()->timestamp(), Value(42));
-  EXPECT_TRUE(r.challenge()->timestamp()->is_number_integer());
+  EXPECT_TRUE(r.challenge()->timestamp()->is_number_integer());  // sent as "42", not "42.0"
   EXPECT_EQ(r.challenge()->signedHash(), "h");
   EXPECT_EQ(r.challenge()->uuid(), "u");
   EXPECT_EQ(r.challenge()->description(), "QSChallenge: type=t1 timestamp=42 uuid=u");
@@ -100,7 +100,6 @@ TEST_F(CollectorResponseTest, TimestampReadsLikeADecimalFormatter) {
 TEST_F(CollectorResponseTest, CommandsTooShortForTheirReadStopTheParse) {
   EXPECT_EQ(failure({{"do", {"sid|A", "sid"}}}),
             "collector command \"sid\" has 1 field, field 1 is read");
-  EXPECT_NE(failure({{"do", {"vid"}}}), "");
   EXPECT_EQ(failure({{"do", {"bake|_qs|x|T"}}}),
             "collector command \"bake\" has 4 fields, field 5 is read");
   EXPECT_NE(failure({{"do", {"bake|_qs|x|T|y"}}}), "");

@@ -29,11 +29,6 @@ TEST(QSReachabilityTest, ClassifiesFlagsAndLogsThemAsLetters) {
   EXPECT_EQ(monitor->networkStatusForFlags(R | c | C | i), QSNetworkStatusNotReachable);
   EXPECT_EQ(monitor->networkStatusForFlags(R | W | c), QSNetworkStatusViaWWAN);
 
-  fake.log->clear();
-  monitor->networkStatusForFlags(R | d);
-  EXPECT_EQ(fake.log->lines(),
-            std::vector<std::string>{"Reachability Flag Status: -R ------d networkStatusForFlags"});
-
   // Every flag has its own letter in its own place; the blank separates
   // the first two from the rest.
   const std::string all = "WR tcCiDld";

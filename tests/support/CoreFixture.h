@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -55,14 +56,11 @@ struct PostedActivity {
 inline PostedActivity decodePost(const HttpRequest& request) {
   PostedActivity posted;
   const std::string& body = request.body.value_or("");
-  std::size_t from = 0;
-  while (from <= body.size()) {
-    std::size_t amp = body.find('&', from);
-    std::string pair = body.substr(from, amp == std::string::npos ? std::string::npos : amp - from);
-    std::size_t eq = pair.find('=');
+  for (std::size_t from = 0, amp = 0; from <= body.size(); from = amp + 1) {
+    amp = std::min(body.find('&', from), body.size());
+    const std::string pair = body.substr(from, amp - from);
+    const std::size_t eq = pair.find('=');
     if (eq != std::string::npos) posted.form[pair.substr(0, eq)] = pair.substr(eq + 1);
-    if (amp == std::string::npos) break;
-    from = amp + 1;
   }
   auto json = SHA256_CBC::decryptBase64StringToString(posted.form["payload"], posted.form["appId"]);
   if (!json) {
