@@ -148,6 +148,19 @@ TEST_F(FaultRuns, ReadyFindsTheAnswersInTheStore) {
   ASSERT_TRUE(SandboxProcess::waitUntil([&] { return reader->isReady(); }, 20))
       << ::testing::PrintToString(log->lines());
 
+  // Also read by the measurements from the service's log: a "+" in a report
+  // stays a plus, and each collector request names the client end of its
+  // connection (qs-measure counts connections by it).
+  manager->reportError("a+b & c=d");
+  EXPECT_TRUE(sandbox->waitForEvents(
+      [](const Value& e) { return e.contains("report") && e["report"]["message"] == "a+b & c=d"; },
+      1, 10));
+  for (const auto& e : sandbox->events()) {
+    if (e.value("event", "") == "activity") {
+      EXPECT_EQ(e.value("peer", "").rfind("127.0.0.1:", 0), 0u) << e.dump();
+    }
+  }
+
   std::lock_guard lock(reader->mutex);
   EXPECT_EQ(reader->authorization.rfind("3:", 0), 0u) << reader->authorization;
   ASSERT_TRUE(reader->store->synchronize());
