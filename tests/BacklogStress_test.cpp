@@ -1,8 +1,6 @@
-// Host threads calling every public call of the manager at once, on the real
-// Linux platform against the sandbox, for a fixed number of calls each. The
-// backlog of pending requests must stay within its bound, and descriptors and
-// threads within a fixed allowance however large the backlog grows; once it
-// has drained they are back where they started.
+// Host threads making every public call at once against the sandbox: the
+// backlog stays within its bound, descriptors and threads within a fixed
+// allowance, and both are given back once the backlog has drained.
 #include <dirent.h>
 #include <gtest/gtest.h>
 

@@ -1,10 +1,7 @@
-// The library on the real Linux platform whose collector is a loopback TLS
-// server that cannot be trusted or cannot be talked to: an expired
-// certificate, a certificate for another host, one from an unknown
-// authority, a server that offers only TLS 1.0, and one that closes in the
-// middle of the handshake. Each start must end as a failed exchange: the host
-// is told it is ready with the no-token header, the new-session retry is
-// armed, no token is taken, and no request reaches the server.
+// A collector that cannot be trusted or talked to (expired, wrong-host or
+// unknown-authority certificate, TLS 1.0 only, closed mid-handshake): each
+// start is a failed exchange the host sees as ready with the no-token header,
+// the retry armed, no token taken and no request sent.
 #include <gtest/gtest.h>
 
 #include <string>
