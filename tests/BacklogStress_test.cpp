@@ -1,14 +1,13 @@
-// Host threads calling every public call of the manager at once, on the real
-// Linux platform against the sandbox, for a fixed number of calls each. The
-// backlog of pending requests must stay within its bound, and descriptors and
-// threads within a fixed allowance however large the backlog grows; once it
-// has drained they are back where they started.
+// Host threads making every public call at once against the sandbox: the
+// backlog stays within its bound, descriptors and threads within a fixed
+// allowance, and both are given back once the backlog has drained.
 #include <dirent.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
+#include <functional>
 #include <random>
 #include <string>
 #include <thread>
@@ -70,57 +69,41 @@ class BacklogStress : public ::testing::Test {
   void call(int pick, int round, ViewController& host) {
     static const auto kBlock = Value::parse(R"({"appId":"stress-app","action":"block",)"
                                             R"("uuid":"u","vid":"v","page":"PGh0bWw+"})");
-    switch (pick) {
-      case 0:
-        manager->httpHeaders();
-        break;
-      case 1: {
-        URLRequest request;
-        manager->setHeadersForRequest(request);
-        URLSessionConfiguration configuration;
-        manager->setHeadersForConfiguration(configuration);
-        break;
-      }
-      case 2:
-        manager->setCustomParameters(Value{{"round", round}});
-        break;
-      case 3:
-        manager->setCustomParameters(Value::object());
-        break;
-      case 4:
-        manager->handleBlockResponse(nullptr, host);
-        break;  // a client error report
-      case 5:
-        manager->handleBlockResponse(manager->checkError(Value::object()), host);
-        break;
-      case 6:
-        manager->showBlockResponse(manager->checkError(kBlock), host);
-        break;
-      case 7:
-        manager->captchaSuccess();
-        break;
-      case 8:
-        manager->startWith(kAppId);
-        break;
-      case 9:
-        round % 2 ? manager->forceBlockToken() : manager->forceCaptchaToken();
-        break;
-      case 10:
-        manager->resetDebugSettings();
-        break;
-      case 11:
-        manager->managerWithCustomBlockCode(400 + round % 100);
-        manager->setForceBlock(manager->blockCode() % 2 == 0);
-        manager->setForceCaptcha(!manager->forceBlock());
-        break;
-      case 12:
-        manager->setDelegate(delegate);
-        EXPECT_EQ(manager->appId(), kAppId);
-        EXPECT_FALSE(manager->collectorUrl().empty());
-        break;
-      default:
-        manager->wakeup();
-        break;
+    QSManager& m = *manager;
+    const std::function<void()> calls[] = {
+        [&] { m.httpHeaders(); },
+        [&] {
+          URLRequest request;
+          m.setHeadersForRequest(request);
+          URLSessionConfiguration configuration;
+          m.setHeadersForConfiguration(configuration);
+        },
+        [&] {
+          m.setCustomParameters(Value{{"round", round}});
+        },
+        [&] { m.setCustomParameters(Value::object()); },
+        [&] { m.handleBlockResponse(nullptr, host); },  // a client error report
+        [&] { m.handleBlockResponse(m.checkError(Value::object()), host); },
+        [&] { m.showBlockResponse(m.checkError(kBlock), host); },
+        [&] { m.captchaSuccess(); },
+        [&] { m.startWith(kAppId); },
+        [&] { round % 2 ? m.forceBlockToken() : m.forceCaptchaToken(); },
+        [&] { m.resetDebugSettings(); },
+        [&] {
+          m.managerWithCustomBlockCode(400 + round % 100);
+          m.setForceBlock(m.blockCode() % 2 == 0);
+          m.setForceCaptcha(!m.forceBlock());
+        },
+        [&] {
+          m.setDelegate(delegate);
+          EXPECT_EQ(m.appId(), kAppId);
+          EXPECT_FALSE(m.collectorUrl().empty());
+        },
+    };
+    if (static_cast<std::size_t>(pick) < std::size(calls)) {
+      calls[pick]();
+    } else {
+      m.wakeup();
     }
   }
 

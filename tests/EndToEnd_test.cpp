@@ -14,22 +14,8 @@
 #include "quarrystone/LinuxPlatform.h"
 #include "quarrystone/QSFieldsMapping.h"
 
-// The sanitizer suppressions of the test programs (tests/support), handed
-// to the demo host as files: it runs the same toolkit and web engine.
-extern "C" const char* __tsan_default_suppressions();
-extern "C" const char* __lsan_default_suppressions();
-
 namespace qs::testing {
 namespace {
-
-// Sanitizer options for the demo: this process's own, plus the suppressions.
-std::vector<std::string> sanitizerEnvironment(const std::filesystem::path& dir) {
-  const auto tsan = dir / "tsan.supp", lsan = dir / "lsan.supp";
-  std::ofstream(tsan) << __tsan_default_suppressions();
-  std::ofstream(lsan) << __lsan_default_suppressions();
-  return {"TSAN_OPTIONS=" + envOr("TSAN_OPTIONS") + " suppressions=" + tsan.string(),
-          "LSAN_OPTIONS=" + envOr("LSAN_OPTIONS") + " suppressions=" + lsan.string()};
-}
 
 std::string field(const Value& object, const std::string& key) {
   auto it = object.find(key);
@@ -82,12 +68,7 @@ TEST(EndToEnd, DemoFlowAsTheSandboxSawIt) {
   // it), yet long enough that no renewal comes before the captcha is solved.
   SandboxProcess sandbox(dir.path(), {"--token-ttl", "12"});
   ASSERT_NE(sandbox.port(), 0) << sandbox.output();
-  const DeploymentSettings settings = sandbox.settings((dir.path() / "store.sqlite").string());
-
-  std::vector<std::string> env = sanitizerEnvironment(dir.path());
-  env.insert(env.end(), {"QS_COLLECTOR_HOST_PATTERN=" + settings.collectorHostPattern,
-                         "QS_WEB_DOMAIN=" + settings.webDomain, "QS_CA_FILE=" + settings.caFile,
-                         "QS_STORE_PATH=" + settings.storePath});
+  auto env = sandbox.hostEnvironment(dir.path(), (dir.path() / "store.sqlite").string());
   for (auto& entry : test::headlessToolkitEnvironment()) env.push_back(std::move(entry));
   ChildProcess host({"xvfb-run", "-a", demo, "--expect-renewal", "--timeout", "60"}, env,
                     (dir.path() / "demo.out").string());

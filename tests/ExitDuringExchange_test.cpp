@@ -24,25 +24,17 @@ class ExitDuringExchange : public ::testing::Test {
     ASSERT_NE(sandbox->port(), 0) << sandbox->output();
   }
 
-  // Runs the host to `at`, leaving `how`; its exit code, with its output in
+  // Runs the host to `at`, leaving `how`; its exit code, and its output in
   // `output`. The store goes to the default place under `dir/data`.
   int runHost(const std::string& at, const std::string& how, const std::string& bundleId,
               std::string& output) {
-    const auto settings = sandbox->settings("");
     const auto out = dir.path() / ("host-" + at + "-" + how + ".out");
-    std::vector<std::string> argv{envOr("QS_EXIT_HOST_BIN"),
-                                  "--at",
-                                  at,
-                                  "--how",
-                                  how,
-                                  "--sandbox-log",
-                                  (dir.path() / "events.jsonl").string()};
+    std::vector<std::string> argv{envOr("QS_EXIT_HOST_BIN"), "--at", at, "--how", how};
+    argv.insert(argv.end(), {"--sandbox-log", (dir.path() / "events.jsonl").string()});
     if (!bundleId.empty()) argv.insert(argv.end(), {"--bundle-id", bundleId});
-    ChildProcess host(argv,
-                      {"QS_COLLECTOR_HOST_PATTERN=" + settings.collectorHostPattern,
-                       "QS_WEB_DOMAIN=" + settings.webDomain, "QS_CA_FILE=" + settings.caFile,
-                       "QS_STORE_PATH=", "XDG_DATA_HOME=" + (dir.path() / "data").string()},
-                      out.string());
+    auto env = sandbox->hostEnvironment(dir.path(), "");
+    env.push_back("XDG_DATA_HOME=" + (dir.path() / "data").string());
+    ChildProcess host(argv, env, out.string());
     const auto status = host.waitExit(60);
     output = readFile(out);
     return status.value_or(-1);

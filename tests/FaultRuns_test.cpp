@@ -47,11 +47,6 @@ class FaultRuns : public ::testing::Test {
                                                              request.headers.end());
     return callHttps("GET", sandbox->url("/api/orders"), headers, "", sandbox->caFile()).status;
   }
-  std::string logText() const {
-    std::string text;
-    for (const auto& line : log->lines()) text += line + "\n";
-    return text;
-  }
 
   TempDir dir;
   std::unique_ptr<SandboxProcess> sandbox;
@@ -68,15 +63,15 @@ TEST_F(FaultRuns, OutageTimeOutAndGarbageEndWithAValidToken) {
   // with the no-token header, and a new session is retried a minute later.
   ASSERT_TRUE(sandbox->setMode("down"));
   manager->startWith(kAppId);
-  ASSERT_TRUE(waitForCalls(1, 20)) << logText();
+  ASSERT_TRUE(waitForCalls(1, 20)) << ::testing::PrintToString(log->lines());
   EXPECT_EQ(delegate->calls()[0].kind, "managerReady");
   EXPECT_EQ(delegate->calls()[0].headers, (HeaderMap{{"X-QS-AUTHORIZATION", "1"}}));
-  EXPECT_EQ(log->count(failed), 1u) << logText();
-  EXPECT_EQ(log->count(retryArmed), 1u) << logText();
+  EXPECT_EQ(log->count(failed), 1u) << ::testing::PrintToString(log->lines());
+  EXPECT_EQ(log->count(retryArmed), 1u) << ::testing::PrintToString(log->lines());
   EXPECT_EQ(backendStatus(), 403);
 
   ASSERT_TRUE(sandbox->setMode("normal"));
-  ASSERT_TRUE(waitForCalls(2, 90)) << logText();
+  ASSERT_TRUE(waitForCalls(2, 90)) << ::testing::PrintToString(log->lines());
   EXPECT_EQ(delegate->calls()[1].kind, "newHeaders");
   const std::string first = token();
   EXPECT_EQ(first.rfind("3:", 0), 0u) << first;
@@ -86,7 +81,8 @@ TEST_F(FaultRuns, OutageTimeOutAndGarbageEndWithAValidToken) {
   ASSERT_TRUE(sandbox->setMode("garbage"));
   const std::size_t handled = log->count("handleCollectorResponse <--");
   manager->startWith(kAppId);
-  ASSERT_TRUE(waitForLog("handleCollectorResponse <--", handled + 1, 20)) << logText();
+  ASSERT_TRUE(waitForLog("handleCollectorResponse <--", handled + 1, 20))
+      << ::testing::PrintToString(log->lines());
   EXPECT_EQ(log->count(failed), 1u);
   EXPECT_EQ(log->count(retryArmed), 1u);
   EXPECT_EQ(delegate->calls().size(), 2u);
@@ -96,14 +92,15 @@ TEST_F(FaultRuns, OutageTimeOutAndGarbageEndWithAValidToken) {
   // Slow: the request times out after 5 s and the new-session retry is armed.
   ASSERT_TRUE(sandbox->setMode("slow"));
   manager->startWith(kAppId);
-  ASSERT_TRUE(waitForLog(failed + "The request timed out.", 1, 20)) << logText();
-  EXPECT_TRUE(waitForLog(retryArmed, 2, 5)) << logText();
+  ASSERT_TRUE(waitForLog(failed + "The request timed out.", 1, 20))
+      << ::testing::PrintToString(log->lines());
+  EXPECT_TRUE(waitForLog(retryArmed, 2, 5)) << ::testing::PrintToString(log->lines());
   EXPECT_EQ(delegate->calls().size(), 2u) << "errors after ready are not told to the host";
 
   // Back to normal, a restart brings a fresh token without waiting for the retry.
   ASSERT_TRUE(sandbox->setMode("normal"));
   manager->startWith(kAppId);
-  ASSERT_TRUE(waitForCalls(3, 20)) << logText();
+  ASSERT_TRUE(waitForCalls(3, 20)) << ::testing::PrintToString(log->lines());
   EXPECT_NE(token(), first);
   EXPECT_EQ(backendStatus(), 200);
 
@@ -148,7 +145,21 @@ TEST_F(FaultRuns, ReadyFindsTheAnswersInTheStore) {
   reader->store = QSManagerInternals::platform(*manager).store;
   manager->setDelegate(reader);
   manager->startWith(kAppId);
-  ASSERT_TRUE(SandboxProcess::waitUntil([&] { return reader->isReady(); }, 20)) << logText();
+  ASSERT_TRUE(SandboxProcess::waitUntil([&] { return reader->isReady(); }, 20))
+      << ::testing::PrintToString(log->lines());
+
+  // Also read by the measurements from the service's log: a "+" in a report
+  // stays a plus, and each collector request names the client end of its
+  // connection (qs-measure counts connections by it).
+  manager->reportError("a+b & c=d");
+  EXPECT_TRUE(sandbox->waitForEvents(
+      [](const Value& e) { return e.contains("report") && e["report"]["message"] == "a+b & c=d"; },
+      1, 10));
+  for (const auto& e : sandbox->events()) {
+    if (e.value("event", "") == "activity") {
+      EXPECT_EQ(e.value("peer", "").rfind("127.0.0.1:", 0), 0u) << e.dump();
+    }
+  }
 
   std::lock_guard lock(reader->mutex);
   EXPECT_EQ(reader->authorization.rfind("3:", 0), 0u) << reader->authorization;

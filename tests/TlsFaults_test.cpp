@@ -1,10 +1,7 @@
-// The library on the real Linux platform whose collector is a loopback TLS
-// server that cannot be trusted or cannot be talked to: an expired
-// certificate, a certificate for another host, one from an unknown
-// authority, a server that offers only TLS 1.0, and one that closes in the
-// middle of the handshake. Each start must end as a failed exchange: the host
-// is told it is ready with the no-token header, the new-session retry is
-// armed, no token is taken, and no request reaches the server.
+// A collector that cannot be trusted or talked to (expired, wrong-host or
+// unknown-authority certificate, TLS 1.0 only, closed mid-handshake): each
+// start is a failed exchange the host sees as ready with the no-token header,
+// the retry armed, no token taken and no request sent.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -63,12 +60,6 @@ Start startAgainst(const TlsFaultServer& server, const std::filesystem::path& di
   return start;
 }
 
-std::string text(const fake::FakeLog& log) {
-  std::string all;
-  for (const auto& line : log.lines()) all += line + "\n";
-  return all;
-}
-
 TEST(TlsFaults, EachFaultIsAFailedExchangeAndNoTokenIsTaken) {
   TempDir dir;
   {
@@ -76,9 +67,10 @@ TEST(TlsFaults, EachFaultIsAFailedExchangeAndNoTokenIsTaken) {
     // collector answer) is handled without any TLS error.
     TlsFaultServer good(Fault::Good, dir.path());
     Start start = startAgainst(good, dir.path());
-    EXPECT_GE(good.handshakes(), 1) << text(*start.log);
-    EXPECT_TRUE(start.log->contains("handleCollectorResponse <--")) << text(*start.log);
-    EXPECT_FALSE(start.log->contains(kSslFailure)) << text(*start.log);
+    EXPECT_GE(good.handshakes(), 1) << ::testing::PrintToString(start.log->lines());
+    EXPECT_TRUE(start.log->contains("handleCollectorResponse <--"))
+        << ::testing::PrintToString(start.log->lines());
+    EXPECT_FALSE(start.log->contains(kSslFailure)) << ::testing::PrintToString(start.log->lines());
   }
   for (Fault fault : {Fault::Expired, Fault::WrongHost, Fault::UnknownAuthority, Fault::Tls10Only,
                       Fault::CloseInHandshake}) {
@@ -86,12 +78,12 @@ TEST(TlsFaults, EachFaultIsAFailedExchangeAndNoTokenIsTaken) {
     TempDir storeDir;
     TlsFaultServer server(fault, dir.path());
     Start start = startAgainst(server, storeDir.path());
-    ASSERT_EQ(start.calls.size(), 1u) << text(*start.log);
+    ASSERT_EQ(start.calls.size(), 1u) << ::testing::PrintToString(start.log->lines());
     EXPECT_EQ(start.calls[0].kind, "managerReady");
     EXPECT_EQ(start.calls[0].headers, (HeaderMap{{"X-QS-AUTHORIZATION", "1"}}));
     EXPECT_EQ(start.headersAfter, (HeaderMap{{"X-QS-AUTHORIZATION", "1"}}));
-    EXPECT_EQ(start.log->count(kSslFailure), 1u) << text(*start.log);
-    EXPECT_EQ(start.log->count(kRetryArmed), 1u) << text(*start.log);
+    EXPECT_EQ(start.log->count(kSslFailure), 1u) << ::testing::PrintToString(start.log->lines());
+    EXPECT_EQ(start.log->count(kRetryArmed), 1u) << ::testing::PrintToString(start.log->lines());
     EXPECT_GE(server.connections(), 1);
     EXPECT_EQ(server.requests(), 0);
   }

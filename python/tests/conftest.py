@@ -4,12 +4,9 @@ of the activities it decrypted."""
 
 from __future__ import annotations
 
-import ctypes
 import json
 import os
 import re
-import shutil
-import signal
 import ssl
 import subprocess
 import time
@@ -94,41 +91,9 @@ def sandbox(tmp_path: Path) -> Iterator[Sandbox]:
 
 
 @pytest.fixture(scope="session")
-def private_display() -> Iterator[str]:
-    """A display for the web view: the one set, or a private Xvfb server.
-    Skips when there is neither a display nor Xvfb, or no web view component."""
-    if not os.environ.get("QUARRYSTONE_GTK_LIBRARY") and not os.environ.get("DISPLAY"):
-        pytest.skip("the web view component is not named (QUARRYSTONE_GTK_LIBRARY)")
-    if os.environ.get("DISPLAY"):
-        yield os.environ["DISPLAY"]
-        return
-    if shutil.which("Xvfb") is None:
-        pytest.skip("no display and no Xvfb")
-    # The server is not the code under test: it runs without the sanitizer
-    # runtime that an instrumented build preloads into this interpreter.
-    env = {k: v for k, v in os.environ.items() if k != "LD_PRELOAD"}
-    read_end, write_end = os.pipe()
-    server = subprocess.Popen(
-        ["Xvfb", "-displayfd", str(write_end), "-screen", "0", "1024x768x24", "-nolisten", "tcp"],
-        pass_fds=(write_end,), env=env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-        preexec_fn=_end_with_parent)
-    os.close(write_end)
-    number = b""
-    with os.fdopen(read_end, "rb") as reader:
-        while not number.endswith(b"\n"):
-            chunk = reader.read(1)
-            if not chunk:
-                break
-            number += chunk
-    if not number.strip():
-        server.kill()
-        pytest.skip("Xvfb did not start")
-    os.environ["DISPLAY"] = ":" + number.decode().strip()
-    yield os.environ["DISPLAY"]
-    # The toolkit keeps its connection until the process ends; the server
-    # ends with it (see _end_with_parent).
-
-
-def _end_with_parent() -> None:
-    """In the child: ask the kernel for SIGTERM when this process's parent ends."""
-    ctypes.CDLL("libc.so.6", use_errno=True).prctl(1, signal.SIGTERM)  # PR_SET_PDEATHSIG
+def private_display() -> str:
+    """The display for the web view (ctest runs the package under xvfb-run).
+    Skips without one, or without the web view component."""
+    if not os.environ.get("QUARRYSTONE_GTK_LIBRARY") or not os.environ.get("DISPLAY"):
+        pytest.skip("no display, or the web view component is not named (QUARRYSTONE_GTK_LIBRARY)")
+    return os.environ["DISPLAY"]

@@ -1,6 +1,6 @@
-"""The package against the sandbox: readiness with a level-3 token, custom
-parameters reaching the collector, a forced captcha recognised from the
-backend's answer and solved in a window, and callbacks that raise."""
+"""The package against the sandbox: readiness, custom parameters, raising
+callbacks, a forced captcha recognised and solved in a window. These also
+drive the C interface's captcha path (check_error, show_block_response)."""
 
 from __future__ import annotations
 
@@ -17,30 +17,37 @@ from quarrystone import BlockResponseType, Manager, QuarrystoneError, Status
 CHALLENGE = "QS329"
 
 
-def test_ready_with_a_level_3_token(sandbox) -> None:
+def test_ready_token_parameters_and_raising_callbacks(sandbox, caplog) -> None:
+    """Ready with a level-3 token the backend accepts, delivered on the
+    library's thread; custom parameters reach the collector; callbacks that
+    raise are logged and contained."""
     seen = []
-    arrived = threading.Event()
+    lines = []
 
     def on_ready(headers):
         seen.append((threading.get_ident(), headers))
-        arrived.set()
+        raise RuntimeError("host bug")
 
-    with Manager("py-app", bundle_identifier="com.example.py", on_ready=on_ready,
+    def log(level, line):
+        lines.append(line)
+        raise ValueError("log sink bug")
+
+    parameters = {"plan": "gold", "seats": 3}
+    caplog.set_level(logging.ERROR, logger="quarrystone")
+    with Manager("py-app", bundle_identifier="com.example.py", custom_parameters=parameters,
+                 on_ready=on_ready, log=log, log_level=quarrystone.LogLevel.DEBUG,
                  **sandbox.settings()) as manager:
         headers = manager.wait_ready(timeout=30)
         assert headers["X-QS-AUTHORIZATION"].startswith("3:")
-        assert arrived.wait(10)
-        thread, delivered = seen[0]
-        assert delivered == headers
-        assert thread != threading.get_ident(), "callbacks come on the library's thread"
-        status, _ = sandbox.backend(headers)
-        assert status == 200
+        assert sandbox.backend(headers)[0] == 200
+    thread, delivered = seen[0]
+    assert delivered == headers
+    assert thread != threading.get_ident(), "callbacks come on the library's thread"
+    messages = [r.getMessage() for r in caplog.records]
+    assert any("on_ready callback raised" in m for m in messages), messages
+    assert any("log callback raised" in m for m in messages), messages
+    assert lines, "the log sink received the library's trace"
 
-
-def test_custom_parameters_reach_the_collector(sandbox) -> None:
-    parameters = {"plan": "gold", "seats": 3}
-    with Manager("py-app", custom_parameters=parameters, **sandbox.settings()) as manager:
-        manager.wait_ready(timeout=30)
     app_activities = sandbox.wait_for(
         lambda e: e.get("event") == "activity" and e.get("type") != CHALLENGE)
     assert app_activities, sandbox.events()
@@ -48,50 +55,23 @@ def test_custom_parameters_reach_the_collector(sandbox) -> None:
         assert {k: activity["d"].get(k) for k in parameters} == parameters, activity
 
 
-def test_forced_captcha_is_recognised(sandbox) -> None:
+def test_forced_captcha_is_recognised_and_errors_raise(sandbox) -> None:
     with Manager("py-app", **sandbox.settings()) as manager:
         manager.wait_ready(timeout=30)
         before = manager.new_headers_count
         manager.force_captcha_token()
-        headers = manager.wait_new_headers(before, timeout=30)
-        status, body = sandbox.backend(headers)
+        status, body = sandbox.backend(manager.wait_new_headers(before, timeout=30))
         assert status == manager.block_code == 403
         response = manager.check_error(body.decode())
         assert response.type == BlockResponseType.CAPTCHA
         assert response.uuid and response.vid and response.app_id == "py-app"
         assert "<html" in response.page.lower()
         assert manager.check_error({"action": "none"}).type == BlockResponseType.FOREIGN
-        manager.reset_debug_settings()
-
-
-def test_raising_callbacks_are_logged_and_contained(sandbox, caplog) -> None:
-    def on_ready(headers):
-        raise RuntimeError("host bug")
-
-    lines = []
-
-    def log(level, line):
-        lines.append(line)
-        raise ValueError("log sink bug")
-
-    caplog.set_level(logging.ERROR, logger="quarrystone")
-    with Manager("py-app", on_ready=on_ready, log=log, log_level=quarrystone.LogLevel.DEBUG,
-                 **sandbox.settings()) as manager:
-        assert manager.wait_ready(timeout=30)["X-QS-AUTHORIZATION"].startswith("3:")
-    messages = [r.getMessage() for r in caplog.records]
-    assert any("on_ready callback raised" in m for m in messages), messages
-    assert any("log callback raised" in m for m in messages), messages
-    assert lines, "the log sink received the library's trace"
-
-
-def test_errors_become_exceptions(sandbox) -> None:
-    manager = Manager("py-app", **sandbox.settings())
-    with pytest.raises(QuarrystoneError) as bad:
-        manager.check_error("{not json")
-    assert bad.value.status == Status.BAD_JSON
-    assert "qs_manager_check_error" in str(bad.value)
-    manager.close()
-    manager.close()
+        with pytest.raises(QuarrystoneError) as bad:
+            manager.check_error("{not json")
+        assert bad.value.status == Status.BAD_JSON
+        assert "qs_manager_check_error" in str(bad.value)
+    manager.close()  # a second time
     with pytest.raises(QuarrystoneError):
         manager.start()
 

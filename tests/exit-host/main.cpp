@@ -1,6 +1,5 @@
-// A host that ends its process while the library is busy, for the exit tests:
-// it starts the manager against the sandbox on the library's own loop thread
-// and leaves main (by returning or by exit()) at a chosen moment, without
+// A host that leaves main (by returning or by exit()) while the library,
+// started on its own loop thread against the sandbox, is busy: without
 // stopping anything, as a real application does when the user quits.
 //
 // Usage: qs-exit-host --at start|challenge|answer|ready --how return|exit
@@ -14,19 +13,16 @@
 //   ready      once the host was told the headers
 // The service is found through the deployment settings' environment
 // variables. Exits 0 when the moment came, 3 when it did not within 20 s.
-#include <curl/curl.h>
-
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 
+#include "SandboxProcess.h"
 #include "quarrystone/Quarrystone.h"
 
 namespace {
@@ -45,21 +41,8 @@ struct Moment {
 
 // Switches the sandbox to answers that come later than the client waits.
 bool makeSandboxSlow(const qs::DeploymentSettings& settings) {
-  CURL* curl = curl_easy_init();
-  if (curl == nullptr) return false;
   const std::string url = "https://" + settings.webDomain + "/sandbox/mode";
-  curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
-  curl_easy_setopt(curl, CURLOPT_POSTFIELDS, "slow");
-  curl_easy_setopt(curl, CURLOPT_CAINFO, settings.caFile.c_str());
-  curl_easy_setopt(curl, CURLOPT_TIMEOUT, 10L);
-  curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(
-      curl, CURLOPT_WRITEFUNCTION,
-      +[](char*, size_t size, size_t count, void*) -> size_t { return size * count; });
-  long status = 0;
-  if (curl_easy_perform(curl) == CURLE_OK) curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
-  curl_easy_cleanup(curl);
-  return status == 200;
+  return qs::testing::callHttps("POST", url, {}, "slow", settings.caFile).status == 200;
 }
 
 // Prints every line and notes the challenge. With `slowAnswer`, the sandbox
@@ -103,9 +86,8 @@ class Delegate final : public qs::QSManagerDelegate {
 
 // True once the sandbox logged a challenge answer.
 bool answerArrived(const std::string& sandboxLog) {
-  std::ifstream in(sandboxLog);
-  const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  return text.find(std::string("\"type\":\"") + qs::QSFM_APP_CHALLENGE + "\"") != std::string::npos;
+  const std::string answer = std::string("\"type\":\"") + qs::QSFM_APP_CHALLENGE + "\"";
+  return qs::testing::readFile(sandboxLog).find(answer) != std::string::npos;
 }
 
 }  // namespace

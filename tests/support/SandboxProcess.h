@@ -25,6 +25,10 @@
 #include "quarrystone/QSManager.h"
 #include "quarrystone/Value.h"
 
+// The test programs' sanitizer suppressions (TsanSuppressions.cpp).
+extern "C" const char* __tsan_default_suppressions();
+extern "C" const char* __lsan_default_suppressions();
+
 namespace qs::testing {
 
 inline std::string readFile(const std::filesystem::path& path) {
@@ -113,6 +117,22 @@ class SandboxProcess {
     settings.caFile = caFile_;
     settings.storePath = storePath;
     return settings;
+  }
+  // The same as a host program's environment ("NAME=value"), with the test
+  // programs' sanitizer suppressions written to files in `dir`: a host runs
+  // the same uninstrumented GLib and toolkit.
+  std::vector<std::string> hostEnvironment(const std::filesystem::path& dir,
+                                           const std::string& storePath) const {
+    const DeploymentSettings s = settings(storePath);
+    const auto tsan = dir / "tsan.supp", lsan = dir / "lsan.supp";
+    std::ofstream(tsan) << __tsan_default_suppressions();
+    std::ofstream(lsan) << __lsan_default_suppressions();
+    return {"QS_COLLECTOR_HOST_PATTERN=" + s.collectorHostPattern,
+            "QS_WEB_DOMAIN=" + s.webDomain,
+            "QS_CA_FILE=" + s.caFile,
+            "QS_STORE_PATH=" + storePath,
+            "TSAN_OPTIONS=" + envOr("TSAN_OPTIONS") + " suppressions=" + tsan.string(),
+            "LSAN_OPTIONS=" + envOr("LSAN_OPTIONS") + " suppressions=" + lsan.string()};
   }
   std::string url(const std::string& path) const {
     return "https://localhost:" + std::to_string(port_) + path;

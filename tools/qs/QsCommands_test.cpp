@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <sstream>
 #include <vector>
 
 #include "crypto/SHA256_CBC.h"
@@ -13,31 +14,25 @@ CommandResult run(std::vector<std::string> args, std::string input = "") {
   return runQs(args, [input] { return input; });
 }
 
-void expectUsageError(std::vector<std::string> args) {
-  CommandResult r = runQs(args, [] {
-    ADD_FAILURE() << "input read on bad arguments";
-    return std::string();
-  });
-  EXPECT_EQ(r.status, 2) << args.size();
-  EXPECT_EQ(r.out, "");
-  EXPECT_NE(r.err.find("usage: qs"), std::string::npos);
-}
-
 TEST(QsCommandsTest, BadArgumentsPrintUsageAndNothingOnStdout) {
-  expectUsageError({});
-  expectUsageError({"frobnicate"});
-  expectUsageError({"encrypt"});
-  expectUsageError({"encrypt", "--key"});
-  expectUsageError({"decrypt", "--key", "a", "--key", "b"});
-  expectUsageError({"fields", "--key", "a"});
-  expectUsageError({"parse", "--verbose"});
-  expectUsageError({"activity"});
-  expectUsageError({"activity", "--state", "4"});
-  expectUsageError({"activity", "--state", "1x"});
+  for (const char* line :
+       {"", "frobnicate", "encrypt", "encrypt --key", "decrypt --key a --key b", "fields --key a",
+        "parse --verbose", "activity", "activity --state 4", "activity --state 1x"}) {
+    std::vector<std::string> args;
+    std::istringstream words(line);
+    for (std::string word; words >> word;) args.push_back(word);
+    const CommandResult r = runQs(args, [] {
+      ADD_FAILURE() << "input read on bad arguments";
+      return std::string();
+    });
+    EXPECT_EQ(r.status, 2) << line;
+    EXPECT_EQ(r.out, "");
+    EXPECT_NE(r.err.find("usage: qs"), std::string::npos);
+  }
   EXPECT_EQ(run({"help"}).out, kUsage);
 }
 
-TEST(QsCommandsTest, EncryptDecryptAndFields) {
+TEST(QsCommandsTest, EncryptThenDecryptWithTheRightKeyOnly) {
   const std::string plain = "{\"t\":\"QS325\"}\n\x01\xff";
   CommandResult enc = run({"encrypt", "--key=my-app"}, plain);
   ASSERT_EQ(enc.status, 0);
@@ -50,11 +45,6 @@ TEST(QsCommandsTest, EncryptDecryptAndFields) {
   EXPECT_EQ(wrong.out, "");
   EXPECT_EQ(wrong.err.find('\n'), wrong.err.size() - 1);
   EXPECT_EQ(run({"decrypt", "--key", "k"}, "Zg=x").status, 1);
-
-  CommandResult fields = run({"fields"});
-  EXPECT_EQ(std::count(fields.out.begin(), fields.out.end(), '\n'), 344);
-  EXPECT_EQ(fields.out.rfind("QSFM_NO_SCRIPT QS1\nQSFM_JS_BOOTSTRAP QS2\n", 0), 0u);
-  EXPECT_NE(fields.out.find("\nQSFM_DEVICE_MODEL QS320\n"), std::string::npos);
 }
 
 TEST(QsCommandsTest, ParseShowsWhatTheAnswerCarries) {

@@ -6,9 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <future>
 #include <string>
-#include <thread>
 
 namespace qs::sandbox {
 namespace {
@@ -38,11 +36,6 @@ struct Socket {
     buffer.resize(n > 0 ? static_cast<std::size_t>(n) : 0);
     return buffer;
   }
-  std::string receiveToEof() const {
-    std::string all;
-    for (std::string part; !(part = receive()).empty();) all += part;
-    return all;
-  }
 };
 
 Socket listenLoopback(int& port) {
@@ -66,12 +59,6 @@ Socket connectLoopback(int port) {
   addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   EXPECT_EQ(connect(s.fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
   return s;
-}
-
-std::string pattern(std::size_t size, unsigned seed) {
-  std::string bytes(size, '\0');
-  for (std::size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>((i * 131 + seed) >> 3);
-  return bytes;
 }
 
 // Only lower bounds on time: a loaded machine can make the relay later, never
@@ -117,47 +104,6 @@ TEST(DelayRelayTest, HoldsEachDirectionForItsShareOfTheRoundTrip) {
   EXPECT_EQ(atServer, "moreextra");
   EXPECT_EQ(relay.roundTrips(), 4u);
   EXPECT_EQ(relay.connections(), 1u);
-}
-
-TEST(DelayRelayTest, PassesLargeTransfersIntactAndPropagatesEachClose) {
-  int targetPort = 0;
-  Socket listener = listenLoopback(targetPort);
-  DelayRelay relay(targetPort, milliseconds(10));
-  ASSERT_FALSE(relay.start());
-
-  const std::string up = pattern(3 << 20, 7), down = pattern(2 << 20, 11);
-  Socket client = connectLoopback(relay.port());
-  // Both sides write and read at once, so the relay's buffers fill and drain.
-  auto serverSide = std::async(std::launch::async, [&] {
-    Socket server(accept(listener.fd, nullptr, nullptr));
-    std::thread writer([&] {
-      server.sendAll(down);
-      shutdown(server.fd, SHUT_WR);
-    });
-    std::string received = server.receiveToEof();  // ends only if the client's close came through
-    writer.join();
-    return received;
-  });
-  std::thread writer([&] {
-    client.sendAll(up);
-    shutdown(client.fd, SHUT_WR);
-  });
-  const std::string received = client.receiveToEof();
-  writer.join();
-
-  EXPECT_TRUE(received == down) << received.size() << " of " << down.size() << " bytes";
-  const std::string atServer = serverSide.get();
-  EXPECT_TRUE(atServer == up) << atServer.size() << " of " << up.size() << " bytes";
-  EXPECT_EQ(relay.bytesUp(), up.size());
-  EXPECT_EQ(relay.bytesDown(), down.size());
-
-  // A target that closes at once gives the next client its EOF, and the relay
-  // keeps serving new connections after the first pair is gone.
-  Socket second = connectLoopback(relay.port());
-  { Socket server(accept(listener.fd, nullptr, nullptr)); }
-  EXPECT_EQ(second.receive(), "");
-  EXPECT_EQ(relay.connections(), 2u);
-  relay.stop();
 }
 
 }  // namespace
