@@ -322,19 +322,12 @@ std::string tls10Handshake(int port) {
   SSL_CTX_set_security_level(ctx, 0);
   SSL_CTX_set_cipher_list(ctx, "DEFAULT:@SECLEVEL=0");
   SSL_CTX_set_min_proto_version(ctx, TLS1_VERSION);
-  std::string version;
-  const int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = htons(static_cast<std::uint16_t>(port));
-  if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
-    SSL* ssl = SSL_new(ctx);
-    SSL_set_fd(ssl, fd);
-    if (SSL_connect(ssl) == 1) version = SSL_get_version(ssl);
-    SSL_free(ssl);
-  }
-  close(fd);
+  BIO* connection = BIO_new_ssl_connect(ctx);
+  BIO_set_conn_hostname(connection, ("127.0.0.1:" + std::to_string(port)).c_str());
+  SSL* ssl = nullptr;
+  BIO_get_ssl(connection, &ssl);
+  const std::string version = BIO_do_handshake(connection) == 1 ? SSL_get_version(ssl) : "";
+  BIO_free_all(connection);
   SSL_CTX_free(ctx);
   return version;
 }
