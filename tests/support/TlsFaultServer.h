@@ -148,26 +148,17 @@ class TlsFaultServer {
   int answered() const { return answered_.load(); }
 
  private:
-  struct FreeKey {
-    void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
-  };
-  struct FreeCert {
-    void operator()(X509* cert) const { X509_free(cert); }
-  };
-  struct FreeCtx {
-    void operator()(SSL_CTX* ctx) const { SSL_CTX_free(ctx); }
-  };
-  using Key = std::unique_ptr<EVP_PKEY, FreeKey>;
-  using Cert = std::unique_ptr<X509, FreeCert>;
+  using Key = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
+  using Cert = std::unique_ptr<X509, decltype(&X509_free)>;
 
-  static Key newKey() { return Key(EVP_EC_gen("P-256")); }
+  static Key newKey() { return Key(EVP_EC_gen("P-256"), EVP_PKEY_free); }
 
   // A certificate for `key`, valid for a day from `fromDays` days from now,
   // signed by `issuer` (null: an authority signing itself) with `issuerKey`;
   // a server's when it has `names`, an authority's otherwise.
   static Cert issue(const char* commonName, long fromDays, const char* names, const Key& key,
                     const Key& issuerKey, X509* issuer) {
-    Cert cert(X509_new());
+    Cert cert(X509_new(), X509_free);
     X509_set_version(cert.get(), 2);
     static std::atomic<long> serial{1};
     ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), serial++);
@@ -227,7 +218,7 @@ class TlsFaultServer {
 
   const Fault fault_;
   std::string caFile_;
-  std::unique_ptr<SSL_CTX, FreeCtx> ctx_;
+  std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> ctx_{nullptr, SSL_CTX_free};
   std::atomic<int> connections_{0};
   std::atomic<int> handshakes_{0};
   std::atomic<int> requests_{0};

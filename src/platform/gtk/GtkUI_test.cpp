@@ -119,15 +119,6 @@ TEST_F(GtkUITest, PageWindowHasATitleAndClosesByItsControlOrEscape) {
   EXPECT_TRUE(test::iterateUntil([&] { return windowGone(); }));
   EXPECT_EQ(observer->ends, std::vector<QSBlockPageEnd>{QSBlockPageEnd::Closed});
 
-  // Closed before its page has loaded, with the UI holding the only
-  // reference to the controller (as the manager leaves it).
-  observer = std::make_shared<RecordingObserver>();
-  present("captcha", "<p>captcha</p>");
-  controller.reset();
-  ASSERT_TRUE(gtk_widget_activate_action(GTK_WIDGET(window), "window.close", nullptr));
-  EXPECT_TRUE(test::iterateUntil([&] { return windowGone(); }));
-  EXPECT_EQ(observer->ends, std::vector<QSBlockPageEnd>{QSBlockPageEnd::Closed});
-
   observer = std::make_shared<RecordingObserver>();
   present("captcha", "<p>captcha</p>");
   // Escape is bound to the same action.
