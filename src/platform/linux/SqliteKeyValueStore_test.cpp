@@ -152,6 +152,12 @@ TEST_F(SqliteStore, KilledWriterLosesNoAcknowledgedWrite) {
 // several threads raced with the commits; synchronize() and closing make it
 // so, and so does leaving the process through exit() before any commit ran.
 TEST_F(SqliteStore, WithACommitterTheFileEndsWithTheLastValueReadersSaw) {
+  auto threads = [] {
+    auto tasks = fs::directory_iterator("/proc/self/task");
+    return std::distance(begin(tasks), end(tasks));
+  };
+  std::thread([] {}).join();  // a sanitizer's helper thread starts with the first thread
+  const auto threadsBefore = threads();
   auto store = openSqliteStore(path_, log_, {}, makeThreadWorkerPool());
   std::vector<std::thread> writers;
   for (int t = 0; t < 4; ++t) {
@@ -175,7 +181,10 @@ TEST_F(SqliteStore, WithACommitterTheFileEndsWithTheLastValueReadersSaw) {
   store.reset();
   EXPECT_EQ(open()->objectForKey("shared"), Value("closing"));
 
-  // A committer that never gets to run: only the exit handler commits.
+  // A committer that never gets to run: only the exit handler commits. The
+  // fork waits for the pool's threads to end: one alive then would leave the
+  // child its locks and references, but not itself.
+  ASSERT_TRUE(testing::SandboxProcess::waitUntil([&] { return threads() <= threadsBefore; }, 10));
   pid_t child = fork();
   ASSERT_GE(child, 0);
   if (child == 0) {
