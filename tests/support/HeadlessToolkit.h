@@ -8,14 +8,9 @@
 namespace qs::test {
 
 // The environment under which the GTK toolkit behaves the same on every
-// machine, whatever it has installed:
-// - no GL at all: GDK otherwise probes GL even with the cairo renderer, loads
-//   whatever driver the machine has and unloads it at exit, and the leak
-//   checker reports the driver's memory;
-// - the cairo renderer, X11 under a private server;
-// - no accessibility bus (absent on most test machines, and a warning where
-//   it is missing).
-// scripts/demo sets the same variables for the demo under Xvfb.
+// machine: no GL (GDK would otherwise load the machine's driver, whose memory
+// the leak checker reports), the cairo renderer, X11 under a private server,
+// no accessibility bus. scripts/demo sets the same for the demo under Xvfb.
 inline constexpr std::pair<const char*, const char*> kHeadlessToolkitEnvironment[] = {
     {"GDK_DEBUG", "gl-disable"}, {"GSK_RENDERER", "cairo"}, {"GDK_BACKEND", "x11"},
     {"GTK_A11Y", "none"},        {"NO_AT_BRIDGE", "1"},

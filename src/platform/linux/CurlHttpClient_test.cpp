@@ -1,7 +1,8 @@
+// The libcurl client against real loopback servers: httplib for well-formed
+// exchanges, raw sockets for servers that misbehave, TLS servers with faults.
 #include <httplib.h>
-#include <netinet/in.h>
+#include <openssl/ssl.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <fmt/format.h>
@@ -13,11 +14,7 @@
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
-#include <cstdlib>
-#include <filesystem>
-#include <functional>
 #include <future>
-#include <iterator>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -26,17 +23,23 @@
 #include <vector>
 
 #include "FakePlatform.h"
+#include "SandboxProcess.h"
+#include "TlsFaultServer.h"
 #include "network/QSGetOperation.h"
 #include "network/QSNetworkManager.h"
 #include "network/QSPostOperation.h"
 #include "quarrystone/Constants.h"
 #include "quarrystone/LinuxPlatform.h"
 
-namespace qs {
+namespace qs::testing {
 namespace {
 
 using namespace std::chrono_literals;
 using Code = HttpError::Code;
+using Fault = TlsFaultServer::Fault;
+
+// The test authority and the server certificate scripts/make-certs writes.
+const std::string kCerts = QS_TEST_CERT_DIR;
 
 struct Outcome {
   std::optional<std::string> body;
@@ -62,7 +65,7 @@ class Inbox : public QSPostOperationDelegate, public QSGetOperationDelegate {
     add({body, response, error, ""});
   }
   // Waits, bounded, for `count` completions in all.
-  std::vector<Outcome> waitFor(std::size_t count, std::chrono::seconds limit = 15s) {
+  std::vector<Outcome> waitFor(std::size_t count, std::chrono::seconds limit = 20s) {
     std::unique_lock lock(mutex_);
     cv_.wait_for(lock, limit, [&] { return got_.size() >= count; });
     return got_;
@@ -79,11 +82,14 @@ class Inbox : public QSPostOperationDelegate, public QSGetOperationDelegate {
   std::vector<Outcome> got_;
 };
 
-// An httplib server on a loopback port, listening once start() returns.
+// An httplib server on a loopback port, listening once start() returns; over
+// TLS with the make-certs server certificate when `tls`.
 class Loopback {
  public:
-  explicit Loopback(std::unique_ptr<httplib::Server> server = std::make_unique<httplib::Server>())
-      : server_(std::move(server)) {}
+  explicit Loopback(bool tls = false)
+      : server_(tls ? std::make_unique<httplib::SSLServer>((kCerts + "/server.pem").c_str(),
+                                                           (kCerts + "/server.key").c_str())
+                    : std::make_unique<httplib::Server>()) {}
   ~Loopback() { stop(); }
   // Joins the server's threads. The packaged server's own socket closes are
   // hidden from ThreadSanitizer, so a test that opens files after a TLS
@@ -105,132 +111,39 @@ class Loopback {
   std::thread thread_;
 };
 
-// A socket bound to a free loopback port, listening if asked; `url` is set
-// to its plain-HTTP address.
-int bindLoopback(bool listening, std::string& url) {
-  const int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t size = sizeof address;
-  bind(fd, reinterpret_cast<sockaddr*>(&address), size);
-  getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
-  if (listening) listen(fd, 16);
-  url = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/";
-  return fd;
+// One whole request (head and Content-Length body) from `fd`, or nullopt when
+// the peer closed first. `pending` carries bytes read past it.
+std::optional<std::string> readRequest(int fd, std::string& pending) {
+  std::size_t end = std::string::npos, length = 0;
+  for (;;) {
+    if (end == std::string::npos && (end = pending.find("\r\n\r\n")) != std::string::npos) {
+      end += 4;
+      std::string head = pending.substr(0, end);
+      for (char& c : head) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+      if (auto at = head.find("content-length:"); at != std::string::npos) {
+        length = std::stoul(head.substr(at + 15));
+      }
+    }
+    if (end != std::string::npos && pending.size() >= end + length) {
+      std::string request = pending.substr(0, end + length);
+      pending.erase(0, end + length);
+      return request;
+    }
+    char buffer[4096];
+    const ssize_t got = recv(fd, buffer, sizeof buffer, 0);
+    if (got <= 0) return std::nullopt;
+    pending.append(buffer, static_cast<std::size_t>(got));
+  }
 }
 
-// A bound loopback port that refuses connections, or when `listening` takes
-// them into its backlog and never answers.
-class SilentPort {
- public:
-  explicit SilentPort(bool listening) : fd_(bindLoopback(listening, url)) {}
-  ~SilentPort() { close(fd_); }
-  std::string url;  // set by the constructor: declared before fd_
-  const int fd_;
-};
-
-class RawServer {
- public:
-  using Serve = std::function<void(int fd, std::size_t connection)>;
-  explicit RawServer(Serve serve) : fd_(bindLoopback(true, url)) {
-    thread_ = std::thread([this, serve = std::move(serve)] {
-      for (std::size_t connection = 0;; ++connection) {
-        const int fd = accept(fd_, nullptr, nullptr);
-        if (fd < 0) return;  // stop() shut the listener down
-        // A client that goes quiet fails the test instead of hanging it.
-        const timeval limit{10, 0};
-        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-        setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
-        serve(fd, connection);
-        close(fd);
-      }
-    });
+bool sendAll(int fd, std::string_view data) {
+  while (!data.empty()) {
+    const ssize_t sent = ::send(fd, data.data(), data.size(), MSG_NOSIGNAL);
+    if (sent <= 0) return false;
+    data.remove_prefix(static_cast<std::size_t>(sent));
   }
-  ~RawServer() {
-    stop();
-    close(fd_);
-  }
-  void stop() {
-    shutdown(fd_, SHUT_RDWR);
-    if (thread_.joinable()) thread_.join();
-  }
-
-  // One whole request (head and Content-Length body) from `fd`, or nullopt
-  // when the peer closed first. `pending` carries bytes read past it.
-  static std::optional<std::string> readRequest(int fd, std::string& pending) {
-    std::size_t end = std::string::npos, length = 0;
-    for (;;) {
-      if (end == std::string::npos && (end = pending.find("\r\n\r\n")) != std::string::npos) {
-        end += 4;
-        std::string head = pending.substr(0, end);
-        for (char& c : head) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-        if (auto at = head.find("content-length:"); at != std::string::npos) {
-          length = std::stoul(head.substr(at + 15));
-        }
-      }
-      if (end != std::string::npos && pending.size() >= end + length) {
-        std::string request = pending.substr(0, end + length);
-        pending.erase(0, end + length);
-        return request;
-      }
-      char buffer[4096];
-      const ssize_t got = recv(fd, buffer, sizeof buffer, 0);
-      if (got <= 0) return std::nullopt;
-      pending.append(buffer, static_cast<std::size_t>(got));
-    }
-  }
-  static bool sendAll(int fd, std::string_view data) {
-    while (!data.empty()) {
-      const ssize_t sent = ::send(fd, data.data(), data.size(), MSG_NOSIGNAL);
-      if (sent <= 0) return false;
-      data.remove_prefix(static_cast<std::size_t>(sent));
-    }
-    return true;
-  }
-  // Whether the peer closed the connection (rather than going quiet).
-  static bool peerCloses(int fd) {
-    char buffer[4096];
-    for (;;) {
-      const ssize_t got = recv(fd, buffer, sizeof buffer, 0);
-      if (got == 0 || (got < 0 && errno == ECONNRESET)) return true;
-      if (got < 0) return false;
-    }
-  }
-
-  std::string url;
-
- private:
-  const int fd_;
-  std::thread thread_;
-};
-
-// A throw-away authority and a certificate it signed for "localhost", in a
-// temporary directory removed at the end.
-class TestPki {
- public:
-  TestPki() {
-    char pattern[] = "/tmp/qs-pki-XXXXXX";
-    dir = mkdtemp(pattern);
-    const std::string script = "cd " + dir + R"( && exec >/dev/null 2>&1 &&
-      openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 1 \
-        -subj /CN=TestAuthority -keyout ca.key -out ca.pem &&
-      openssl req -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -subj /CN=localhost \
-        -keyout leaf.key -out leaf.csr &&
-      printf 'subjectAltName=DNS:localhost,IP:127.0.0.1\n' > leaf.ext &&
-      openssl x509 -req -in leaf.csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 1 \
-        -extfile leaf.ext -out leaf.pem)";
-    ok = std::system(script.c_str()) == 0;
-  }
-  ~TestPki() { std::filesystem::remove_all(dir); }
-  std::unique_ptr<httplib::Server> server() const {
-    return std::make_unique<httplib::SSLServer>((dir + "/leaf.pem").c_str(),
-                                                (dir + "/leaf.key").c_str());
-  }
-
-  std::string dir;
-  bool ok = false;
-};
+  return true;
+}
 
 HttpRequest get(std::string url) { return HttpRequest{"GET", std::move(url), {}, {}, 5.0}; }
 HttpRequest postRequest(std::string url, std::string body) {
@@ -248,6 +161,15 @@ class HttpClientCurlTest : public ::testing::Test {
     op->setHttpHeaders(std::move(headers));
     op->setDelegate(inbox);
     manager.addNetworkOperation(op);
+  }
+  // Sends `requests` one after the other through `client`, each once the
+  // one before has completed; returns every completion.
+  std::vector<Outcome> sendInTurn(HttpClient& client, const std::vector<HttpRequest>& requests) {
+    for (std::size_t i = 0; i < requests.size(); ++i) {
+      client.send(requests[i], inbox->completion());
+      if (inbox->waitFor(i + 1).size() != i + 1) ADD_FAILURE() << "no completion for " << i;
+    }
+    return inbox->waitFor(requests.size());
   }
   // Waits until the network loop has wound the client down: every completion
   // has then run to its end, and the client's connections close before the
@@ -308,10 +230,11 @@ TEST_F(HttpClientCurlTest, ServerSeesTheExactRequestsOnOneConnection) {
 }
 
 TEST_F(HttpClientCurlTest, TransportFailuresBecomeErrors) {
-  SilentPort refusing(false), silent(true);
+  LoopbackListener refusing(nullptr, false), silent;
   const auto started = std::chrono::steady_clock::now();
-  post(silent.url, "a=b", "QS325");
-  for (const char* url : {refusing.url.c_str(), "http://exa mple.com/", "ftp://127.0.0.1/", ""}) {
+  post(silent.url(), "a=b", "QS325");
+  for (const std::string& url : {refusing.url(), std::string("http://exa mple.com/"),
+                                 std::string("ftp://127.0.0.1/"), std::string()}) {
     platform.http->send(get(url), inbox->completion());
   }
   auto got = inbox->waitFor(5);
@@ -337,10 +260,10 @@ TEST_F(HttpClientCurlTest, TransportFailuresBecomeErrors) {
 }
 
 TEST_F(HttpClientCurlTest, DestructionCancelsTransfersInFlight) {
-  SilentPort silent(true);
+  LoopbackListener silent;
   HttpClient* raw = platform.http.get();
   // This completion sends again while the client shuts down; that is cancelled too.
-  raw->send(get(silent.url), [raw, url = silent.url, sink = inbox->completion()](auto... args) {
+  raw->send(get(silent.url()), [raw, url = silent.url(), sink = inbox->completion()](auto... args) {
     raw->send(get(url), sink);
     sink(args...);
   });
@@ -352,10 +275,10 @@ TEST_F(HttpClientCurlTest, DestructionCancelsTransfersInFlight) {
 
   // A completion may drop the last reference to its client; the client then
   // winds down on its network loop after the completion returns.
-  SilentPort refusing(false);
+  LoopbackListener refusing(nullptr, false);
   auto holder = std::make_shared<std::shared_ptr<HttpClient>>(makeCurlHttpClient("", fake.log));
   std::promise<std::optional<HttpError>> dropped;
-  (*holder)->send(get(refusing.url), [holder, &dropped](auto, auto, auto error) {
+  (*holder)->send(get(refusing.url()), [holder, &dropped](auto, auto, auto error) {
     holder->reset();
     dropped.set_value(error);
   });
@@ -392,36 +315,66 @@ TEST_F(HttpClientCurlTest, ManyOperationsInFlightAllComplete) {
   EXPECT_EQ(manager.requestsQueue().operationCount(), 0u);
 }
 
-TEST_F(HttpClientCurlTest, TlsTrustsTheGivenAuthorityAndVerifiesPeers) {
-  TestPki pki;
-  ASSERT_TRUE(pki.ok);
-  const std::string& dir = pki.dir;
-  Loopback loopback(pki.server());
-  loopback.server().Get("/", [](const httplib::Request&, httplib::Response& response) {
-    response.set_content("secure", "text/plain");
-  });
-  const std::string url = "https://localhost:" + loopback.start() + "/";
+// Whether a client that admits TLS 1.0 completes a handshake on `port`, and
+// at which version: shows the TLS 1.0 server really serves that version.
+std::string tls10Handshake(int port) {
+  SSL_CTX* ctx = SSL_CTX_new(TLS_client_method());
+  SSL_CTX_set_security_level(ctx, 0);
+  SSL_CTX_set_cipher_list(ctx, "DEFAULT:@SECLEVEL=0");
+  SSL_CTX_set_min_proto_version(ctx, TLS1_VERSION);
+  BIO* connection = BIO_new_ssl_connect(ctx);
+  BIO_set_conn_hostname(connection, ("127.0.0.1:" + std::to_string(port)).c_str());
+  SSL* ssl = nullptr;
+  BIO_get_ssl(connection, &ssl);
+  const std::string version = BIO_do_handshake(connection) == 1 ? SSL_get_version(ssl) : "";
+  BIO_free_all(connection);
+  SSL_CTX_free(ctx);
+  return version;
+}
 
-  auto trusting = makeCurlHttpClient(dir + "/ca.pem", fake.log);
-  trusting->send(get(url), inbox->completion());
-  auto got = inbox->waitFor(1);
-  ASSERT_EQ(got.size(), 1u);
-  ASSERT_FALSE(got[0].error.has_value()) << got[0].error->localizedDescription;
-  EXPECT_EQ(got[0].body, "secure");
-
-  auto systemOnly = makeCurlHttpClient("", fake.log);
-  systemOnly->send(get(url), inbox->completion());
-  auto unreadable = makeCurlHttpClient(dir + "/missing.pem", fake.log);
-  unreadable->send(get(url), inbox->completion());
-  EXPECT_TRUE(fake.log->contains("cannot read trust file"));
-  got = inbox->waitFor(3);
-  ASSERT_EQ(got.size(), 3u);
-  for (std::size_t i = 1; i < 3; ++i) {
-    EXPECT_EQ(got[i].error.value().code, Code::SecureConnectionFailed);
+// A request reaches only a verified peer. Without the server's authority
+// (none given, or its file unreadable) and for every TLS fault, the request
+// ends as a secure-connection error with nothing delivered and no request
+// byte sent. (A refused certificate may still see the handshake finish: the
+// peer is checked right after it.)
+TEST_F(HttpClientCurlTest, TlsReachesOnlyAVerifiedPeer) {
+  TempDir dir;
+  const std::string missing = (dir.path() / "missing.pem").string();
+  const struct {
+    Fault fault;
+    const char* trust;  // null: the server's own authority
+  } cases[] = {{Fault::Good, nullptr},         {Fault::Good, ""},
+               {Fault::Good, missing.c_str()}, {Fault::Expired, nullptr},
+               {Fault::WrongHost, nullptr},    {Fault::UnknownAuthority, nullptr},
+               {Fault::Tls10Only, nullptr},    {Fault::CloseInHandshake, nullptr}};
+  for (std::size_t i = 0; i < std::size(cases); ++i) {
+    SCOPED_TRACE(fmt::format("fault {} trust '{}'", static_cast<int>(cases[i].fault),
+                             cases[i].trust ? cases[i].trust : "own"));
+    TlsFaultServer server(cases[i].fault, dir.path());
+    auto client = makeCurlHttpClient(cases[i].trust ? cases[i].trust : server.caFile(), fake.log);
+    client->send(get(server.url()), inbox->completion());
+    auto got = inbox->waitFor(i + 1);
+    client.reset();  // joins the client's loop: no completion runs after this
+    ASSERT_EQ(got.size(), i + 1);
+    if (i == 0) {
+      ASSERT_FALSE(got[i].error.has_value()) << got[i].error->localizedDescription;
+      EXPECT_EQ(got[i].body, "ok");
+      EXPECT_EQ(server.answered(), 1);
+      continue;
+    }
+    ASSERT_TRUE(got[i].error.has_value());
+    EXPECT_EQ(got[i].error->code, Code::SecureConnectionFailed);
     EXPECT_EQ(got[i].error->localizedDescription,
               "An SSL error has occurred and a secure connection to the server cannot be made.");
+    EXPECT_FALSE(got[i].body.has_value());
+    EXPECT_FALSE(got[i].response.has_value());
+    EXPECT_GE(server.connections(), 1);
+    EXPECT_EQ(server.requests(), 0) << "a request went to a peer that was not verified";
+    if (cases[i].fault == Fault::Tls10Only) {
+      EXPECT_EQ(tls10Handshake(server.port()), "TLSv1");
+    }
   }
-  loopback.stop();
+  EXPECT_TRUE(fake.log->contains("cannot read trust file"));
 }
 
 // A server closes idle kept-alive connections after its own keep-alive time.
@@ -429,9 +382,7 @@ TEST_F(HttpClientCurlTest, TlsTrustsTheGivenAuthorityAndVerifiesPeers) {
 // closed one it would fail, since the client never resends it (the renewal
 // a token's life after start-up met exactly this).
 TEST_F(HttpClientCurlTest, AnIdleConnectionIsNotReusedOnceTheServerMayHaveClosedIt) {
-  TestPki pki;
-  ASSERT_TRUE(pki.ok);
-  Loopback loopback(pki.server());
+  Loopback loopback(/*tls=*/true);
   loopback.server().set_keep_alive_timeout(1);
   std::mutex mutex;
   std::vector<int> ports;  // guarded by mutex
@@ -441,7 +392,7 @@ TEST_F(HttpClientCurlTest, AnIdleConnectionIsNotReusedOnceTheServerMayHaveClosed
     response.set_content("ok", "text/plain");
   });
   const std::string url = "https://localhost:" + loopback.start() + "/";
-  auto client = makeCurlHttpClient(pki.dir + "/ca.pem", fake.log);
+  auto client = makeCurlHttpClient(kCerts + "/ca.pem", fake.log);
   client->send(get(url), inbox->completion());
   ASSERT_EQ(inbox->waitFor(1).size(), 1u);
   std::this_thread::sleep_for(3s);  // past the server's keep-alive time and the client's
@@ -463,27 +414,23 @@ TEST_F(HttpClientCurlTest, AnIdleConnectionIsNotReusedOnceTheServerMayHaveClosed
 TEST_F(HttpClientCurlTest, ARequestIsNeverSentTwice) {
   std::mutex mutex;
   std::vector<std::pair<std::size_t, std::string>> seen;  // connection; request line and body
-  RawServer server([&](int fd, std::size_t connection) {
+  LoopbackListener server([&](int fd, std::size_t connection) {
     std::string pending;
     // Each connection answers its first request and drops its second.
-    for (int count = 0; auto request = RawServer::readRequest(fd, pending); ++count) {
+    for (int count = 0; auto request = readRequest(fd, pending); ++count) {
       {
         std::lock_guard lock(mutex);
         seen.emplace_back(connection, request->substr(0, request->find(" HTTP/")) + " " +
                                           request->substr(request->find("\r\n\r\n") + 4));
       }
       if (count == 1) return;
-      RawServer::sendAll(fd, "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok");
+      sendAll(fd, "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok");
     }
   });
-  const std::string url = server.url + "c";
-  const HttpRequest requests[] = {postRequest(url, "n=1"), postRequest(url, "n=2"),
-                                  get(url + "?n=3"), get(url + "?n=4")};
-  for (std::size_t i = 0; i < std::size(requests); ++i) {
-    platform.http->send(requests[i], inbox->completion());
-    ASSERT_EQ(inbox->waitFor(i + 1).size(), i + 1);
-  }
-  auto got = inbox->waitFor(4);
+  const std::string url = server.url() + "c";
+  auto got = sendInTurn(*platform.http, {postRequest(url, "n=1"), postRequest(url, "n=2"),
+                                         get(url + "?n=3"), get(url + "?n=4")});
+  ASSERT_EQ(got.size(), 4u);
   for (std::size_t i : {0, 2}) EXPECT_EQ(got[i].body, "ok");
   for (std::size_t i : {1, 3}) {
     ASSERT_TRUE(got[i].error.has_value()) << i;
@@ -506,64 +453,53 @@ TEST_F(HttpClientCurlTest, ARequestIsNeverSentTwice) {
 // Redirects are followed to HTTPS only, verified, for five hops at most, and
 // carry none of an earlier hop's cookies.
 TEST_F(HttpClientCurlTest, RedirectsLeadOnlyToVerifiedHttps) {
-  TestPki pki;
-  ASSERT_TRUE(pki.ok);
   std::mutex mutex;
-  std::vector<httplib::Request> plainSeen, landed;
-  int hops = 0;
+  std::vector<httplib::Request> plainSeen, landed;  // guarded by mutex
+  int hops = 0;                                     // guarded by mutex
   // Routes are in place before a server starts: its threads read them unguarded.
   Loopback plain;
-  plain.server().set_logger([&](const httplib::Request& request, const httplib::Response&) {
-    std::lock_guard lock(mutex);
-    plainSeen.push_back(request);
-  });
-  plain.server().Get("/hop", [](const httplib::Request& request, httplib::Response& response) {
-    response.set_redirect("http://" + request.get_header_value("Host") + "/other", 302);
-  });
-  const std::string plainOrigin = "http://127.0.0.1:" + plain.start();
-  Loopback secure(pki.server());
-  secure.server().Post("/downgrade", [&](const httplib::Request&, httplib::Response& response) {
-    response.set_redirect(plainOrigin + "/c", 307);
-  });
-  secure.server().Post("/upgrade", [](const httplib::Request&, httplib::Response& response) {
-    response.set_header("Set-Cookie", "s=1; Path=/");
-    response.set_content("moved", "text/plain");
-    response.set_redirect("/landed", 307);
-  });
-  secure.server().Post("/landed",
-                       [&](const httplib::Request& request, httplib::Response& response) {
-                         std::lock_guard lock(mutex);
-                         landed.push_back(request);
-                         response.set_content("landed", "text/plain");
-                       });
-  // A name under "localhost" reaches loopback but is not in the certificate.
-  secure.server().Post(
-      "/elsewhere", [](const httplib::Request& request, httplib::Response& response) {
-        response.set_redirect(
-            "https://app.collector." + request.get_header_value("Host") + "/landed", 307);
+  plain.server().Get(
+      R"(/(\w+))", [&](const httplib::Request& request, httplib::Response& response) {
+        std::lock_guard lock(mutex);
+        plainSeen.push_back(request);
+        response.set_redirect("http://" + request.get_header_value("Host") + "/other", 302);
       });
-  secure.server().Post("/loop", [&](const httplib::Request&, httplib::Response& response) {
-    std::lock_guard lock(mutex);
-    ++hops;
-    response.set_redirect("/loop", 307);
-  });
+  const std::string plainOrigin = "http://127.0.0.1:" + plain.start();
+  Loopback secure(/*tls=*/true);
+  secure.server().Post(
+      R"(/(\w+))", [&](const httplib::Request& request, httplib::Response& response) {
+        std::lock_guard lock(mutex);
+        if (request.path == "/downgrade") {
+          response.set_redirect(plainOrigin + "/c", 307);
+        } else if (request.path == "/upgrade") {
+          response.set_header("Set-Cookie", "s=1; Path=/");
+          response.set_content("moved", "text/plain");
+          response.set_redirect("/landed", 307);
+        } else if (request.path == "/elsewhere") {
+          // A name under "localhost" reaches loopback but is not in the certificate.
+          response.set_redirect("https://elsewhere." + request.get_header_value("Host") + "/landed",
+                                307);
+        } else if (request.path == "/loop") {
+          ++hops;
+          response.set_redirect("/loop", 307);
+        } else {
+          landed.push_back(request);
+          response.set_content("landed", "text/plain");
+        }
+      });
   const std::string secureOrigin = "https://localhost:" + secure.start();
 
-  auto client = makeCurlHttpClient(pki.dir + "/ca.pem", fake.log);
   // A plain first hop is allowed, a plain redirect target is not.
-  const HttpRequest requests[] = {
-      postRequest(secureOrigin + "/downgrade", "a=1"),
-      postRequest(secureOrigin + "/upgrade", "a=1"), postRequest(secureOrigin + "/loop", "a=1"),
-      get(plainOrigin + "/hop"), postRequest(secureOrigin + "/elsewhere", "a=1")};
-  for (std::size_t i = 0; i < std::size(requests); ++i) {
-    client->send(requests[i], inbox->completion());
-    ASSERT_EQ(inbox->waitFor(i + 1).size(), i + 1);
-  }
-  auto got = inbox->waitFor(5);
+  auto client = makeCurlHttpClient(kCerts + "/ca.pem", fake.log);
+  auto got =
+      sendInTurn(*client, {postRequest(secureOrigin + "/downgrade", "a=1"),
+                           postRequest(secureOrigin + "/upgrade", "a=1"),
+                           postRequest(secureOrigin + "/loop", "a=1"), get(plainOrigin + "/hop"),
+                           postRequest(secureOrigin + "/elsewhere", "a=1")});
   client.reset();
   secure.stop();
   plain.stop();
-
+  ASSERT_EQ(got.size(), 5u);
   for (std::size_t i : {0, 3, 4}) {
     ASSERT_TRUE(got[i].error.has_value()) << i;
     EXPECT_EQ(got[i].error->code, Code::SecureConnectionFailed) << i;
@@ -587,40 +523,40 @@ TEST_F(HttpClientCurlTest, RedirectsLeadOnlyToVerifiedHttps) {
 // length is announced, as soon as it passes the limit when it is not.
 TEST_F(HttpClientCurlTest, AnswersLongerThanTheLimitAreRefused) {
   std::atomic<bool> closedBeforeBody{false};
-  RawServer server([&](int fd, std::size_t) {
+  LoopbackListener server([&](int fd, std::size_t) {
     std::string pending;
-    while (auto request = RawServer::readRequest(fd, pending)) {
+    while (auto request = readRequest(fd, pending)) {
       if (request->starts_with("GET /announced ")) {
         // Nothing of the body is sent: a client waiting for it would time out.
-        RawServer::sendAll(fd, "HTTP/1.1 200 OK\r\nContent-Length: 300000000\r\n\r\n");
-        closedBeforeBody = RawServer::peerCloses(fd);
+        sendAll(fd, "HTTP/1.1 200 OK\r\nContent-Length: 300000000\r\n\r\n");
+        char buffer[4096];
+        ssize_t got;
+        while ((got = recv(fd, buffer, sizeof buffer, 0)) > 0) {
+        }
+        closedBeforeBody = got == 0 || errno == ECONNRESET;  // not merely quiet
         return;
       }
       // GET /chunked?<bytes>: that many bytes in chunks of at most 64 KiB.
       std::size_t left = std::stoul(request->substr(request->find('?') + 1));
-      bool open = RawServer::sendAll(fd, "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n");
+      bool open = sendAll(fd, "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n");
       while (open && left > 0) {
         const std::size_t chunk = std::min<std::size_t>(left, 64 << 10);
-        open =
-            RawServer::sendAll(fd, fmt::format("{:x}\r\n{}\r\n", chunk, std::string(chunk, 'x')));
+        open = sendAll(fd, fmt::format("{:x}\r\n{}\r\n", chunk, std::string(chunk, 'x')));
         left -= chunk;
       }
-      if (!open || !RawServer::sendAll(fd, "0\r\n\r\n")) return;
+      if (!open || !sendAll(fd, "0\r\n\r\n")) return;
     }
   });
   constexpr std::size_t kMiB = 1 << 20;
-  std::vector<HttpRequest> requests{get(server.url + "announced"),
-                                    get(server.url + "chunked?" + std::to_string(kMiB)),
-                                    get(server.url + "chunked?" + std::to_string(kMiB + 1)),
-                                    get(server.url + "chunked?" + std::to_string(3 * kMiB))};
+  const std::string chunked = server.url() + "chunked?";
+  std::vector<HttpRequest> requests{
+      get(server.url() + "announced"), get(chunked + std::to_string(kMiB)),
+      get(chunked + std::to_string(kMiB + 1)), get(chunked + std::to_string(3 * kMiB))};
   requests[3].maxResponseBytes = 4 * kMiB;
-  for (std::size_t i = 0; i < requests.size(); ++i) {
-    platform.http->send(requests[i], inbox->completion());
-    ASSERT_EQ(inbox->waitFor(i + 1).size(), i + 1);
-  }
-  auto got = inbox->waitFor(4);
+  auto got = sendInTurn(*platform.http, requests);
   stopClient();
   server.stop();
+  ASSERT_EQ(got.size(), 4u);
   for (std::size_t i : {0, 2}) {
     ASSERT_TRUE(got[i].error.has_value()) << i;
     EXPECT_EQ(got[i].error->localizedDescription, "The response is too large.");
@@ -639,12 +575,11 @@ TEST(LinuxPlatformNetwork, TransfersRunOnTheLibraryLoopAndNeverOnTheHostThread) 
     response.set_content("ok", "text/plain");
   });
   const std::string url = "http://127.0.0.1:" + loopback.start() + "/";
-  char pattern[] = "/tmp/qs-platform-XXXXXX";
-  const std::string dir = mkdtemp(pattern);
+  TempDir dir;
   GMainContext* hostContext = g_main_context_new();
   for (GMainContext* context : {static_cast<GMainContext*>(nullptr), hostContext}) {
     DeploymentSettings settings;
-    settings.storePath = dir + "/store.sqlite";
+    settings.storePath = (dir.path() / "store.sqlite").string();
     LinuxPlatformOptions options;
     options.hostContext = context;
     options.log = std::make_shared<fake::FakeLog>();
@@ -661,8 +596,7 @@ TEST(LinuxPlatformNetwork, TransfersRunOnTheLibraryLoopAndNeverOnTheHostThread) 
   }
   g_main_context_unref(hostContext);
   loopback.stop();
-  std::filesystem::remove_all(dir);
 }
 
 }  // namespace
-}  // namespace qs
+}  // namespace qs::testing

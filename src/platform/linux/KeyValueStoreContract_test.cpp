@@ -1,11 +1,10 @@
 // One suite for every KeyValueStore: the in-memory fake and the SQLite store.
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
-#include <filesystem>
 #include <thread>
 #include <vector>
 
+#include "SandboxProcess.h"
 #include "platform/fake/FakePlatform.h"
 #include "quarrystone/LinuxPlatform.h"
 
@@ -17,25 +16,20 @@ struct FakeStoreMaker {
 };
 
 struct SqliteStoreMaker {
-  SqliteStoreMaker() {
-    std::string pattern = testing::TempDir() + "qs-contract-XXXXXX";
-    dir = mkdtemp(pattern.data());
-  }
-  ~SqliteStoreMaker() { std::filesystem::remove_all(dir); }
   std::shared_ptr<KeyValueStore> make() {
-    return openSqliteStore(dir + "/store.sqlite", std::make_shared<fake::FakeLog>());
+    return openSqliteStore(dir.path() / "store.sqlite", std::make_shared<fake::FakeLog>());
   }
-  std::string dir;
+  testing::TempDir dir;
 };
 
 template <typename Maker>
-class KeyValueStoreContract : public testing::Test {
+class KeyValueStoreContract : public ::testing::Test {
  protected:
   Maker maker;
   std::shared_ptr<KeyValueStore> store_ = maker.make();
 };
 
-using StoreMakers = testing::Types<FakeStoreMaker, SqliteStoreMaker>;
+using StoreMakers = ::testing::Types<FakeStoreMaker, SqliteStoreMaker>;
 TYPED_TEST_SUITE(KeyValueStoreContract, StoreMakers);
 
 TYPED_TEST(KeyValueStoreContract, ValuesRoundTripAndFallBackToDefaults) {

@@ -1,13 +1,13 @@
 #include "quarrystone/LinuxPlatform.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 
 #include <filesystem>
 #include <set>
 #include <string>
 
+#include "SandboxProcess.h"
 #include "platform/fake/FakePlatform.h"
 
 namespace qs {
@@ -19,10 +19,10 @@ namespace fs = std::filesystem;
 // sees the other's values, however its identifier is spelt, and a host that
 // declares no identifier is named after its program.
 TEST(LinuxPlatformTest, EachApplicationHasItsOwnPrivateStore) {
-  std::string pattern = testing::TempDir() + "qs-platform-XXXXXX";
-  const fs::path data = mkdtemp(pattern.data());
+  testing::TempDir temp;
+  const fs::path& data = temp.path();
   const char* oldXdg = std::getenv("XDG_DATA_HOME");
-  const std::string savedXdg = oldXdg != nullptr ? oldXdg : "";
+  const auto savedXdg = oldXdg ? std::optional<std::string>(oldXdg) : std::nullopt;
   setenv("XDG_DATA_HOME", data.c_str(), 1);
 
   auto platformFor = [](std::optional<std::string> identifier) {
@@ -55,32 +55,31 @@ TEST(LinuxPlatformTest, EachApplicationHasItsOwnPrivateStore) {
   EXPECT_TRUE(folders.count("com.example.one"));
   EXPECT_TRUE(folders.count(fs::read_symlink("/proc/self/exe").filename()));
 
-  if (oldXdg != nullptr) {
-    setenv("XDG_DATA_HOME", savedXdg.c_str(), 1);
+  if (savedXdg) {
+    setenv("XDG_DATA_HOME", savedXdg->c_str(), 1);
   } else {
     unsetenv("XDG_DATA_HOME");
   }
-  fs::remove_all(data);
 }
 
 // The log: by default a host sees only warnings and errors; the level and
-// the sink are the host's choice.
+// the sink are the host's choice; level names read back as their level.
 TEST(LinuxPlatformLog, WritesWarningsAndErrorsUnlessTheHostAsksForMore) {
-  testing::internal::CaptureStderr();
+  ::testing::internal::CaptureStderr();
   auto standard = makeStderrLog();
   standard->write("--> setTimerForTokenRenew");
   standard->write(LogLevel::Info, "an info line");
   standard->write(LogLevel::Warning, "CollectorRequest received error: x");
   standard->write(LogLevel::Error, "QS Error - y");
   makeStderrLog(LogLevel::Debug)->write("a trace line");
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(),
             "Quarrystone: CollectorRequest received error: x\n"
             "Quarrystone: QS Error - y\n"
             "Quarrystone: a trace line\n");
 
-  const auto dir = std::filesystem::temp_directory_path() / "qs-linux-platform-log";
+  testing::TempDir dir;
   DeploymentSettings settings;
-  settings.storePath = (dir / "store.sqlite").string();
+  settings.storePath = (dir.path() / "store.sqlite").string();
   for (LogLevel level : {LogLevel::Debug, LogLevel::Warning}) {
     auto sink = std::make_shared<fake::FakeLog>();
     LinuxPlatformOptions options;
@@ -92,10 +91,6 @@ TEST(LinuxPlatformLog, WritesWarningsAndErrorsUnlessTheHostAsksForMore) {
     EXPECT_EQ(sink->contains("trace"), level == LogLevel::Debug);
     EXPECT_EQ(sink->levelOf("error"), LogLevel::Error);
   }
-  std::filesystem::remove_all(dir);
-}
-
-TEST(LinuxPlatformLog, LevelNamesRoundTrip) {
   for (LogLevel level : {LogLevel::Debug, LogLevel::Info, LogLevel::Warning, LogLevel::Error}) {
     EXPECT_EQ(logLevelFromName(logLevelName(level)), level);
   }

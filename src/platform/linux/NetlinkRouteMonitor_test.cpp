@@ -80,19 +80,12 @@ TEST(NetlinkRouteMonitor, DumpScanFindsOnlyAUnicastWayOutAndRefusesDamage) {
   auto refused = Dump().message(NLMSG_ERROR, 7, &error, sizeof error).scan(7);
   EXPECT_TRUE(refused.failed && refused.done);
 
-  Dump overlong;
+  Dump overlong, shortRoute, trailing, zero;
   overlong.route(7, AF_INET, 0, RTN_UNICAST).bytes().resize(sizeof(nlmsghdr) + 4);
-  EXPECT_TRUE(overlong.scan(7).failed);
-
-  unsigned char shortRoute[4] = {AF_INET, 0, 0, 0};
-  EXPECT_TRUE(Dump().message(RTM_NEWROUTE, 7, shortRoute, sizeof shortRoute).scan(7).failed);
-
-  Dump trailing;
+  const unsigned char fourBytes[4] = {AF_INET, 0, 0, 0};
+  shortRoute.message(RTM_NEWROUTE, 7, fourBytes, sizeof fourBytes);
   trailing.route(7, AF_INET, 0, RTN_UNICAST).bytes().resize(trailing.bytes().size() + 6);
-  auto cut = trailing.scan(7);
-  EXPECT_TRUE(cut.failed);
-
-  Dump zero;
+  for (Dump* damaged : {&overlong, &shortRoute, &trailing}) EXPECT_TRUE(damaged->scan(7).failed);
   zero.bytes().resize(sizeof(nlmsghdr));  // a header claiming zero bytes
   EXPECT_TRUE(zero.scan(0).failed);
 }

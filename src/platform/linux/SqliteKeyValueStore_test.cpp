@@ -1,9 +1,9 @@
 // The SQLite store's own promises: persistence across opens, recovery from
 // damaged files, and integrity when a writer process is killed or two write.
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sqlite3.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "SandboxProcess.h"
 #include "platform/fake/FakePlatform.h"
 #include "quarrystone/LinuxPlatform.h"
 
@@ -23,10 +24,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-class SqliteStore : public testing::Test {
+class SqliteStore : public ::testing::Test {
  protected:
-  ~SqliteStore() override { fs::remove_all(dir_); }
-
   std::shared_ptr<KeyValueStore> open() { return openSqliteStore(path_, log_); }
 
   std::size_t setAsideCount() const {
@@ -56,32 +55,11 @@ class SqliteStore : public testing::Test {
     return result;
   }
 
-  std::string dir_ = [] {
-    std::string pattern = testing::TempDir() + "qs-store-XXXXXX";
-    return std::string(mkdtemp(pattern.data()));
-  }();
+  testing::TempDir temp_;
+  std::string dir_ = temp_.path().string();
   std::string path_ = dir_ + "/nested/dir/store.sqlite";
   std::shared_ptr<fake::FakeLog> log_ = std::make_shared<fake::FakeLog>();
 };
-
-TEST_F(SqliteStore, ReopenKeepsPersistedValuesButNotDefaults) {
-  {
-    auto store = open();
-    store->setObject("sid", Value("abc"));
-    store->setObject("cookie", Value::array({Value::binary({1, 2, 3})}));
-    store->setObject("gone", Value(1));
-    store->setObject("gone", std::nullopt);
-    store->registerDefaults(Value{{"UserAgent", "ua"}});
-  }
-  auto store = open();
-  EXPECT_EQ(store->objectForKey("sid"), Value("abc"));
-  EXPECT_EQ(store->objectForKey("cookie")->at(0).get_binary(),
-            (Value::binary_t(std::vector<std::uint8_t>{1, 2, 3})));
-  EXPECT_FALSE(store->objectForKey("gone"));
-  EXPECT_FALSE(store->objectForKey("UserAgent"));
-  EXPECT_EQ(sql("PRAGMA journal_mode"), "wal");
-  EXPECT_TRUE(log_->lines().empty());
-}
 
 TEST_F(SqliteStore, DamagedFilesAndValuesAreLoggedAndRecovered) {
   // Garbage bytes, then a real store cut short: each is set aside and replaced.
@@ -174,6 +152,12 @@ TEST_F(SqliteStore, KilledWriterLosesNoAcknowledgedWrite) {
 // several threads raced with the commits; synchronize() and closing make it
 // so, and so does leaving the process through exit() before any commit ran.
 TEST_F(SqliteStore, WithACommitterTheFileEndsWithTheLastValueReadersSaw) {
+  auto threads = [] {
+    auto tasks = fs::directory_iterator("/proc/self/task");
+    return std::distance(begin(tasks), end(tasks));
+  };
+  std::thread([] {}).join();  // a sanitizer's helper thread starts with the first thread
+  const auto threadsBefore = threads();
   auto store = openSqliteStore(path_, log_, {}, makeThreadWorkerPool());
   std::vector<std::thread> writers;
   for (int t = 0; t < 4; ++t) {
@@ -197,7 +181,10 @@ TEST_F(SqliteStore, WithACommitterTheFileEndsWithTheLastValueReadersSaw) {
   store.reset();
   EXPECT_EQ(open()->objectForKey("shared"), Value("closing"));
 
-  // A committer that never gets to run: only the exit handler commits.
+  // A committer that never gets to run: only the exit handler commits. The
+  // fork waits for the pool's threads to end: one alive then would leave the
+  // child its locks and references, but not itself.
+  ASSERT_TRUE(testing::SandboxProcess::waitUntil([&] { return threads() <= threadsBefore; }, 10));
   pid_t child = fork();
   ASSERT_GE(child, 0);
   if (child == 0) {
@@ -222,13 +209,11 @@ TEST_F(SqliteStore, TwoProcessesWriteTheSameFile) {
     children[p] = fork();
     ASSERT_GE(children[p], 0);
     if (children[p] == 0) {
-      auto log = std::make_shared<fake::FakeLog>();
-      auto store = openSqliteStore(path_, log);
-      for (int i = 0; i < kWrites; ++i)
-        store->setObject(std::to_string(p) + "-" + std::to_string(i), Value(i));
-      for (const auto& line : log->lines())
+      auto store = openSqliteStore(path_, log_);
+      for (int i = 0; i < kWrites; ++i) store->setObject(fmt::format("{}-{}", p, i), Value(i));
+      for (const auto& line : log_->lines())
         std::fprintf(stderr, "writer %d: %s\n", p, line.c_str());
-      _exit(log->lines().empty() ? 0 : 1);
+      _exit(log_->lines().empty() ? 0 : 1);
     }
   }
   for (pid_t child : children) {
@@ -238,8 +223,7 @@ TEST_F(SqliteStore, TwoProcessesWriteTheSameFile) {
   }
   auto store = open();
   for (int i = 0; i < 2 * kWrites; ++i) {
-    EXPECT_EQ(store->objectForKey(std::to_string(i % 2) + "-" + std::to_string(i / 2)),
-              Value(i / 2));
+    EXPECT_EQ(store->objectForKey(fmt::format("{}-{}", i % 2, i / 2)), Value(i / 2));
   }
 }
 
@@ -248,10 +232,11 @@ mode_t modeOf(const std::string& path) {
   return ::stat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
 }
 
-// Whatever the umask, the file, its WAL and shared-memory files and the
-// folders made for them are the owner's alone; a store left open to others
-// is tightened, but only the library's own folders are touched.
-TEST_F(SqliteStore, FilesAndFoldersArePrivateWhateverTheUmask) {
+// A reopened store has what was persisted, not the defaults. Whatever the
+// umask, the file, its WAL and shared-memory files and the folders made for
+// them are the owner's alone; a store left open to others is tightened, but
+// only the library's own folders are touched.
+TEST_F(SqliteStore, ReopenedFilesKeepValuesAndArePrivateWhateverTheUmask) {
   struct MaskGuard {
     mode_t old;
     ~MaskGuard() { umask(old); }
@@ -260,11 +245,16 @@ TEST_F(SqliteStore, FilesAndFoldersArePrivateWhateverTheUmask) {
   {
     auto store = openSqliteStore(path_, log_, owned);
     store->setObject("sid", Value("abc"));
+    store->setObject("cookie", Value::array({Value::binary({1, 2, 3})}));
+    store->setObject("gone", Value(1));
+    store->setObject("gone", std::nullopt);
+    store->registerDefaults(Value{{"UserAgent", "ua"}});
     for (const char* suffix : {"", "-wal", "-shm"}) EXPECT_EQ(modeOf(path_ + suffix), 0600u);
     EXPECT_EQ(modeOf(owned), 0700u);
     EXPECT_EQ(modeOf(owned + "/dir"), 0700u);
   }
   EXPECT_TRUE(log_->lines().empty());
+  EXPECT_EQ(sql("PRAGMA journal_mode"), "wal");
 
   // Left open to others (as older releases did), while another connection
   // has the file open, so its WAL and shared memory exist, as wide.
@@ -277,6 +267,10 @@ TEST_F(SqliteStore, FilesAndFoldersArePrivateWhateverTheUmask) {
   for (const char* suffix : {"-wal", "-shm"}) ASSERT_EQ(modeOf(path_ + suffix), 0644u);
   auto store = openSqliteStore(path_, log_, owned);
   EXPECT_EQ(store->objectForKey("sid"), Value("abc"));
+  EXPECT_EQ(store->objectForKey("cookie")->at(0).get_binary(),
+            (Value::binary_t(std::vector<std::uint8_t>{1, 2, 3})));
+  EXPECT_FALSE(store->objectForKey("gone"));
+  EXPECT_FALSE(store->objectForKey("UserAgent"));
   for (const char* suffix : {"", "-wal", "-shm"}) EXPECT_EQ(modeOf(path_ + suffix), 0600u);
   EXPECT_EQ(modeOf(owned), 0700u);
   EXPECT_EQ(modeOf(owned + "/dir"), 0700u);
