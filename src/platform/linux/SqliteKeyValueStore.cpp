@@ -349,10 +349,9 @@ void commitOpenStores();
 // a shared lock on the cache only. A write changes the cache and the pending
 // set under pendingMutex_, so both see writes in the same order; commits take
 // the pending set under writeMutex_, which also guards the connection, so the
-// file sees them in that order too. Lock order: writeMutex_, pendingMutex_,
-// cacheMutex_.
-class SqliteKeyValueStore final : public KeyValueStore,
-                                  public std::enable_shared_from_this<SqliteKeyValueStore> {
+// file sees them in that order too. Lock order: the commit gate,
+// writeMutex_, pendingMutex_, cacheMutex_.
+class SqliteKeyValueStore final : public KeyValueStore {
  public:
   // `db` null: the store lives in memory only. `committer` null: each write
   // commits before setObject returns.
@@ -363,6 +362,7 @@ class SqliteKeyValueStore final : public KeyValueStore,
         committer_(std::move(committer)),
         db_(std::move(db)),
         persisted_(std::move(values)) {
+    gate_->store = this;
     if (!hasFile_) return;
     static std::once_flag once;
     std::call_once(once, [] { std::atexit(commitOpenStores); });
@@ -375,6 +375,13 @@ class SqliteKeyValueStore final : public KeyValueStore,
     {
       std::lock_guard lock(openStores().mutex);
       openStores().stores.erase(this);
+    }
+    {
+      // Waits for a commit task under way; one that runs later finds the
+      // store gone. Either way the release returns with every write in the
+      // file, so a store opened next reads them.
+      std::lock_guard lock(gate_->mutex);
+      gate_->store = nullptr;
     }
     commitPending();
   }
@@ -417,11 +424,12 @@ class SqliteKeyValueStore final : public KeyValueStore,
       commitHere = !committer_;
       if (committer_ && !commitQueued_) {
         commitQueued_ = true;
-        // A task that runs after the store is gone finds nothing to do: the
-        // store committed when it closed.
-        committer_->post([weak = weak_from_this()] {
-          auto self = weak.lock();
-          if (!self) return;
+        // The task holds the gate, not the store: the host's release is
+        // then the last one and waits for the task (see the destructor).
+        committer_->post([gate = gate_] {
+          std::lock_guard gateLock(gate->mutex);
+          SqliteKeyValueStore* self = gate->store;
+          if (self == nullptr) return;  // closed, and committed then
           {
             std::lock_guard lock(self->pendingMutex_);
             self->commitQueued_ = false;
@@ -530,6 +538,15 @@ class SqliteKeyValueStore final : public KeyValueStore,
   std::mutex pendingMutex_;
   PendingWrites pending_;      // guarded by pendingMutex_
   bool commitQueued_ = false;  // a commit task is posted and not begun; guarded by pendingMutex_
+
+  // Shared with the commit tasks; `store` is null once the store is going.
+  // A task runs with `mutex` held, so the destructor waits for it. Lock
+  // order: gate, then the store's own (writeMutex_ first).
+  struct CommitGate {
+    std::mutex mutex;
+    SqliteKeyValueStore* store = nullptr;
+  };
+  const std::shared_ptr<CommitGate> gate_ = std::make_shared<CommitGate>();
 };
 
 // An exit handler: what the stores of the process still hold goes to their files.

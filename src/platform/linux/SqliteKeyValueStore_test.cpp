@@ -1,6 +1,7 @@
 // The SQLite store's own promises: persistence across opens, recovery from
 // damaged files, and integrity when a writer process is killed or two write.
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sqlite3.h>
@@ -8,6 +9,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -199,6 +202,45 @@ TEST_F(SqliteStore, WithACommitterTheFileEndsWithTheLastValueReadersSaw) {
   ASSERT_EQ(waitpid(child, &status, 0), child);
   ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
   EXPECT_EQ(open()->objectForKey("cookie"), Value("T3"));
+  EXPECT_FALSE(log_->contains("failed"));
+}
+
+// Releasing the store while the pool is committing its last write must wait
+// for that commit; otherwise a store opened right after reads the value
+// before it. The commit task used to keep the store alive on its own and
+// finish after the host's release had returned. Here the commit is held up
+// by another connection's write lock until after the release has begun.
+TEST_F(SqliteStore, ReleasingTheStoreWaitsForACommitUnderWay) {
+  auto pool = std::make_shared<fake::FakeWorkerPool>();
+  pool->setDeferred(true);
+  auto store = openSqliteStore(path_, log_, {}, pool);
+  store->setObject("k", Value("old"));
+  pool->runAll();
+  store->setObject("k", Value("new"));
+
+  sqlite3* other = nullptr;
+  ASSERT_EQ(sqlite3_open(path_.c_str(), &other), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(other, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+  std::thread worker([&pool] { pool->runAll(); });  // blocks in SQLite's busy wait
+  // Until the task holds the store, when it does so (bounded: a task that
+  // does not hold it shows nothing here).
+  for (int spin = 0; spin < 100000 && store.use_count() < 2; ++spin) std::this_thread::yield();
+  std::atomic<bool> releasing{false};
+  std::thread unlocker([&] {
+    while (!releasing) std::this_thread::yield();
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    sqlite3_exec(other, "ROLLBACK", nullptr, nullptr, nullptr);
+  });
+  releasing = true;
+  store.reset();
+  // Read without taking a lock (a WAL reader), so the lock still held or
+  // just released decides nothing here.
+  const Bytes fresh = Value::to_cbor(Value("new"));
+  EXPECT_EQ(sql("SELECT hex(value) FROM entries WHERE key = 'k'"),
+            fmt::format("{:02X}", fmt::join(fresh, "")));
+  unlocker.join();
+  worker.join();
+  sqlite3_close(other);
   EXPECT_FALSE(log_->contains("failed"));
 }
 
