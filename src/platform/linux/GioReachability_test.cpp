@@ -1,5 +1,6 @@
 #include "GioReachability.h"
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <net/if.h>
 #include <net/route.h>
@@ -13,6 +14,7 @@
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -124,6 +126,11 @@ bool setLoopback(bool up, std::optional<bool> defaultRoute) {
 // down takes it away, though the kernel sends no route notice of its own then.
 // Then monitors come and go on several threads while route changes arrive.
 void routeChangesInAPrivateNetwork() {
+  // Without IPv6 the link going down brings no address or route notice at
+  // all, only the link's own, so the watcher must listen to links too.
+  for (const char* knob : {"all", "default", "lo"}) {
+    std::ofstream(fmt::format("/proc/sys/net/ipv6/conf/{}/disable_ipv6", knob)) << "1\n";
+  }
   {
     std::mutex mutex;
     std::condition_variable cv;
