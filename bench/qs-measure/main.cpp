@@ -381,19 +381,26 @@ qs::Value sampleMemory(const std::string& label) {
 
 std::size_t discardBody(char*, std::size_t size, std::size_t count, void*) { return size * count; }
 
-// One HTTPS request with plain libcurl, as any host that uses it makes:
-// libcurl's and OpenSSL's one-time state (global init, algorithm tables,
-// error strings, the first TLS context) is then in place before the library.
-bool plainHttpsRequest(int port, const std::string& ca) {
+// A plain libcurl handle for `url`, trusting `ca`, the body discarded;
+// null when libcurl cannot make one.
+CURL* plainEasy(const std::string& url, const std::string& ca) {
   curl_global_init(CURL_GLOBAL_DEFAULT);
   CURL* easy = curl_easy_init();
-  if (easy == nullptr) return false;
-  const std::string url = "https://localhost:" + std::to_string(port) + "/";
+  if (easy == nullptr) return nullptr;
   curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
   curl_easy_setopt(easy, CURLOPT_CAINFO, ca.c_str());
   curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, discardBody);
   curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(easy, CURLOPT_TIMEOUT, 10L);
+  return easy;
+}
+
+// One HTTPS request with plain libcurl, as any host that uses it makes:
+// libcurl's and OpenSSL's one-time state (global init, algorithm tables,
+// error strings, the first TLS context) is then in place before the library.
+bool plainHttpsRequest(int port, const std::string& ca) {
+  CURL* easy = plainEasy("https://localhost:" + std::to_string(port) + "/", ca);
+  if (easy == nullptr) return false;
   const CURLcode result = curl_easy_perform(easy);
   curl_easy_cleanup(easy);
   return result == CURLE_OK;
@@ -409,15 +416,10 @@ int transportChild(const Options& o) {
   curl_global_init(CURL_GLOBAL_DEFAULT);
   SSL_CTX_free(SSL_CTX_new(TLS_client_method()));
   const auto start = SteadyClock::now();
-  CURL* easy = curl_easy_init();
+  CURL* easy = plainEasy(
+      fmt::format("https://{}.collector.localhost:{}/api/v1/collector/mobile", o.appId, o.port),
+      o.ca);
   if (easy == nullptr) return 1;
-  const std::string url =
-      fmt::format("https://{}.collector.localhost:{}/api/v1/collector/mobile", o.appId, o.port);
-  curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
-  curl_easy_setopt(easy, CURLOPT_CAINFO, o.ca.c_str());
-  curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, discardBody);
-  curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(easy, CURLOPT_TIMEOUT, 10L);
   std::vector<double> done;
   for (const std::size_t size : {1000u, 700u}) {
     const std::string body = "p=" + std::string(size, 'A');
